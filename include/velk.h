@@ -1,0 +1,243 @@
+/*
+ * velk: reading and writing sample files.
+ *
+ * The whole interface is this flat set of functions. One open sample file is
+ * one opaque handle; every function returns an unsigned status, 0 for
+ * success, unless its comment says otherwise. Text crosses the interface as
+ * wchar_t (4 bytes) and lies in the file as NUL-terminated UTF-8.
+ *
+ * This header compiles as C and as C++.
+ */
+#ifndef VELK_H
+#define VELK_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <wchar.h>
+
+#if defined(__GNUC__)
+#define VELK_API __attribute__((visibility("default")))
+#else
+#define VELK_API
+#endif
+
+#ifdef __cplusplus
+#define VELK_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+extern "C" {
+#else
+#define VELK_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+/* ------------------------------------------------------------------------
+ * Statuses. The numbers are fixed: callers and the status texts know them.
+ * ------------------------------------------------------------------------ */
+#define VELK_SUCCESS                   0u
+#define VELK_E_NULL_POINTER            22u
+#define VELK_E_BAD_FILE                24u
+#define VELK_E_UNKNOWN_SECTION         25u
+#define VELK_E_NO_MEMORY               26u
+#define VELK_E_ENV_NOT_SET             27u
+#define VELK_E_BUFFER_OVERFLOW         29u
+#define VELK_E_MAP_FAILED              34u
+#define VELK_E_BAD_POINTER             36u
+#define VELK_E_BAD_READ_START          39u
+#define VELK_E_OPEN_FAILED             44u
+#define VELK_E_BAD_ARGUMENT            63u
+#define VELK_E_ARCH_MISMATCH           72u
+#define VELK_E_UNSUPPORTED             73u
+#define VELK_E_SECTION_BUSY            77u
+#define VELK_E_SECTION_MISSING         78u
+#define VELK_E_BAD_STREAM              79u
+#define VELK_E_STREAM_STATE            80u
+#define VELK_E_ALREADY_IN_USE          81u
+#define VELK_E_NO_DESCRIPTORS          82u
+#define VELK_E_VERSION_MISMATCH        84u
+#define VELK_E_NO_PID_SECTION          85u
+#define VELK_E_READ_START_TOO_LARGE    86u
+#define VELK_E_BAD_STRING_ID           97u
+#define VELK_E_DESC_SIZE_MISMATCH      98u
+#define VELK_E_BUFFER_TOO_SMALL        103u
+#define VELK_E_NO_PERMISSION           111u
+#define VELK_E_NOT_BOUND               113u
+#define VELK_E_NOT_READING             124u
+#define VELK_E_NOT_WRITING             125u
+#define VELK_E_SECTION_OPEN            126u
+#define VELK_E_STREAM_SECTION_OPEN     127u
+#define VELK_E_STREAM_NOT_BOUND        129u
+#define VELK_E_TOO_FEW_CPUIDS          143u
+#define VELK_E_UNSUPPORTED_ARCH        144u
+#define VELK_E_NOTHING_TO_WRITE        145u
+#define VELK_E_TOO_MANY_EVENTS         168u
+#define VELK_E_WRITE_FAILED            194u
+#define VELK_E_DISK_FULL               195u
+
+/* ------------------------------------------------------------------------
+ * Open modes of VELK_open.
+ * ------------------------------------------------------------------------ */
+#define VELK_OPEN_READ    0x1u
+#define VELK_OPEN_WRITE   0x2u
+#define VELK_OPEN_CREATE  0x4u
+/* The session's own form of the create bit; passing it has the same effect. */
+#define VELK_OPEN_CREATE_INTERNAL 0x10000000u
+
+/* Public numbers of the global sections (not the kinds in the file). */
+typedef enum VELK_SECTION_IDENTIFIER {
+    VELK_SECTION_SYSTEM = 0,
+    VELK_SECTION_CONFIGURATION = 1,
+    VELK_SECTION_PROCESS = 2,
+    VELK_SECTION_MODULE = 3,
+    VELK_SECTION_USER_DEFINED = 4,
+    VELK_SECTION_VERSION_INFO = 5,
+    VELK_SECTION_THREAD = 6,
+    VELK_SECTION_DESCRIPTOR = 7
+} VELK_SECTION_IDENTIFIER;
+
+/* Public numbers of the sections of a stream. */
+typedef enum VELK_STREAM_SECTION_IDENTIFIER {
+    VELK_STREAM_SECTION_EVENT = 0,
+    VELK_STREAM_SECTION_DATA_DESCRIPTION = 1,
+    VELK_STREAM_SECTION_DATA = 2,
+    VELK_STREAM_SECTION_USER_DEFINED = 3,
+    VELK_STREAM_SECTION_STREAM_INFO = 4
+} VELK_STREAM_SECTION_IDENTIFIER;
+
+/* State of a section or stream. */
+typedef enum VELK_STATE {
+    VELK_STATE_ABSENT = 0,
+    VELK_STATE_EXISTS = 1,
+    VELK_STATE_READING = 2,
+    VELK_STATE_WRITING = 3
+} VELK_STATE;
+
+/* ------------------------------------------------------------------------
+ * On-disk section descriptors.
+ * ------------------------------------------------------------------------ */
+
+/* The 40-byte descriptor: the form in memory for every file version, and on
+ * disk in every table of versions 6 and 7. */
+typedef struct __VELK_sample_file_section_vk6 {
+    uint64_t length;          /* bytes, without marker and padding; 0: empty slot */
+    uint64_t file_offset;
+    uint64_t number_entries;
+    uint32_t entry_length;
+    uint32_t section_id;      /* the section kind */
+    uint32_t stream_number;
+    int32_t  descriptor_id;   /* -1 where there is none */
+} __VELK_sample_file_section_vk6;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_sample_file_section_vk6) == 40, "vk6 descriptor is 40 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, file_offset) == 8, "file_offset at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, number_entries) == 16, "number_entries at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, entry_length) == 24, "entry_length at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, section_id) == 28, "section_id at 28");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, stream_number) == 32, "stream_number at 32");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section_vk6, descriptor_id) == 36, "descriptor_id at 36");
+
+/* The 32-byte slot of the global and stream tables of a version 5 file. */
+typedef struct __VELK_sample_file_section {
+    uint64_t length;
+    uint64_t file_offset;
+    uint32_t number_entries;
+    uint32_t entry_length;
+    uint32_t section_id;
+    uint32_t stream_number;
+} __VELK_sample_file_section;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_sample_file_section) == 32, "v5 table slot is 32 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section, file_offset) == 8, "file_offset at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section, number_entries) == 16, "number_entries at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section, entry_length) == 20, "entry_length at 20");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section, section_id) == 24, "section_id at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_sample_file_section, stream_number) == 28, "stream_number at 28");
+
+/* The 20-byte entry of the section table of a version 5 file. */
+typedef struct SampleFileSections_s {
+    uint32_t length;
+    uint32_t file_offset;
+    uint32_t number_entries;
+    uint16_t entry_length;
+    uint16_t section_id;
+    uint32_t stream_number;
+} SampleFileSections_s;
+
+VELK_STATIC_ASSERT(sizeof(SampleFileSections_s) == 20, "v5 section table entry is 20 bytes");
+VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, file_offset) == 4, "file_offset at 4");
+VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, number_entries) == 8, "number_entries at 8");
+VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, entry_length) == 12, "entry_length at 12");
+VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, section_id) == 14, "section_id at 14");
+VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, stream_number) == 16, "stream_number at 16");
+
+/* A text on the way in, a string id in the file and on the way out: bit 63
+ * set, the low 63 bits the position of the UTF-8 text. 0 means no string. */
+typedef union __string_or_id {
+    wchar_t* text;
+    uint64_t id;
+} __string_or_id;
+
+VELK_STATIC_ASSERT(sizeof(__string_or_id) == 8, "a string or id is 8 bytes");
+
+/* ------------------------------------------------------------------------
+ * Handles, file and session.
+ * ------------------------------------------------------------------------ */
+typedef struct velk_handle velk_handle;
+
+VELK_API unsigned VELK_open(velk_handle** handle_out, const wchar_t* file_name, unsigned mode);
+VELK_API unsigned VELK_close(velk_handle* handle);
+VELK_API unsigned VELK_abort_cleanup_and_close(velk_handle* handle);
+VELK_API unsigned VELK_get_version(unsigned* major, unsigned* minor);
+VELK_API unsigned VELK_error_string(int status, const wchar_t** text);
+VELK_API unsigned VELK_get_platform_type(velk_handle* handle, unsigned* type);
+VELK_API unsigned VELK_set_platform_type(velk_handle* handle, unsigned type);
+VELK_API unsigned VELK_get_vk_file_version(velk_handle* handle, unsigned* version);
+
+/* Character conversion. Sizes are in/out: capacity in, needed count out
+ * (bytes for UTF-8, wide characters for wchar_t, terminator included). The
+ * _malloced forms allocate the result, which the caller frees with free(). */
+VELK_API unsigned VELK_convert_utf8_to_wcs(const char* text, wchar_t* destination, unsigned* size);
+VELK_API unsigned VELK_convert_utf8_to_wcs_malloced(const char* text, wchar_t** destination);
+VELK_API unsigned VELK_convert_wcs_to_utf8(const wchar_t* text, char* destination, unsigned* size);
+VELK_API unsigned VELK_convert_wcs_to_utf8_malloced(const wchar_t* text, char** destination);
+
+/* Resolves a string id into wide text. With a null buffer the needed size in
+ * bytes comes back in *size. */
+VELK_API unsigned VELK_convert_uniqueid_to_string(velk_handle* handle, unsigned size,
+                                                  const __string_or_id* id, wchar_t* buffer,
+                                                  unsigned* size_out);
+
+/* ------------------------------------------------------------------------
+ * The OS layer. Handles are 64-bit; -1 is an invalid handle.
+ * ------------------------------------------------------------------------ */
+#define VELK_OSI_MODE_READ    0x1u
+#define VELK_OSI_MODE_WRITE   0x2u
+#define VELK_OSI_MODE_CREATE  0x10000000u
+
+#define VELK_OSI_SEEK_BEGIN   1u
+#define VELK_OSI_SEEK_CURRENT 2u
+#define VELK_OSI_SEEK_END     4u
+
+VELK_API long long VELK_OSI_Open_File(const char* path, unsigned mode);
+VELK_API long long VELK_OSI_Create_File_Map(long long handle, unsigned mode);
+VELK_API void* VELK_OSI_Map_File_View(long long map, unsigned protection, long long offset,
+                                      unsigned long long length, unsigned flags, void* address);
+VELK_API unsigned VELK_OSI_Unmap_File_View(void* address, unsigned long long length);
+VELK_API unsigned VELK_OSI_Close_Handle(long long handle, unsigned is_map);
+VELK_API long long VELK_OSI_Get_Allocation_Granualarity(void);
+VELK_API unsigned long long VELK_OSI_Get_File_Size(long long handle);
+VELK_API long long VELK_OSI_Set_File_Pointer(long long handle, long long offset, unsigned origin);
+VELK_API unsigned VELK_OSI_Write(long long handle, void* buffer, unsigned long long length,
+                                 unsigned long long* written);
+VELK_API unsigned VELK_OSI_Read(long long handle, void* buffer, unsigned long long length,
+                                unsigned long long* read);
+VELK_API unsigned VELK_OSI_Delete_File(const char* path);
+VELK_API unsigned VELK_OSI_Getenv(const char* name, unsigned length, char* destination);
+VELK_API int VELK_OSI_Sprintf(char* destination, const char* format, ...);
+VELK_API unsigned VELK_OSI_i64toa(char* destination, unsigned size, long long value,
+                                  unsigned* needed);
+VELK_API unsigned VELK_OSI_ui64tow(char* destination, unsigned size, unsigned long long value,
+                                   unsigned* needed);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VELK_H */

@@ -1,0 +1,169 @@
+// The exported functions. Each checks the handle, forwards to the session's
+// method of the same name, and logs a failure once more on its way out.
+#include <stdlib.h>
+#include <string.h>
+
+#include "velk_class/velk_class.h"
+#include "velk_entry/velk_handle.h"
+
+namespace {
+
+bool handle_is_live(const velk_handle* handle)
+{
+    return handle != nullptr && handle->head_tag == VELK_HEAD_TAG &&
+           handle->tail_tag == VELK_TAIL_TAG;
+}
+
+// Returns a method's status, logging it first when it is a failure.
+unsigned int passed_on(unsigned int status, int line)
+{
+    if (status != 0)
+        LOGIT_A(VELK_MASK_FAILURE_FORM, "%s (%s, %d) value: 0x%x\n",
+                "Operation failed with error code ", VELK_SOURCE_PATH, line, status);
+    return status;
+}
+
+}  // namespace
+
+// The standard frame: a failed handle check returns 63 and logs nothing.
+#define VELK_FORWARD(handle, call)                                        \
+    do {                                                                  \
+        if (!handle_is_live(handle))                                      \
+            return VELK_E_BAD_ARGUMENT;                                   \
+        return passed_on((handle)->file_object->call, __LINE__);          \
+    } while (0)
+
+// The "KLEV" tag in memory order.
+static const uint32_t kPlatformTag = 'K' | ('L' << 8) | ('E' << 16) | ((uint32_t)'V' << 24);
+
+extern "C" {
+
+VELK_API unsigned VELK_open(velk_handle** handle_out, const wchar_t* file_name, unsigned mode)
+{
+    if (handle_out == nullptr)
+        return VELK_E_BAD_ARGUMENT;
+
+    velk_handle* handle = static_cast<velk_handle*>(calloc(1, sizeof(velk_handle)));
+    if (handle == nullptr) {
+        LOG_CALLOC_FAILED("VELK_open");
+        LOG_NULL_POINTER_AT("VELK_open");
+        return VELK_E_NO_MEMORY;
+    }
+    LOG_MEMORY_ALLOCATION("VELK_open", sizeof(velk_handle));
+
+    handle->head_tag = VELK_HEAD_TAG;
+    handle->tail_tag = VELK_TAIL_TAG;
+    handle->tag_and_platform = kPlatformTag;
+
+    try {
+        handle->file_object = new velk_class();
+    } catch (...) {
+        free(handle);
+        throw;
+    }
+
+    const unsigned int status = handle->file_object->VELK_initialize_me(file_name, mode);
+    if (status != 0) {
+        LOG_FAILED_STATUS(status);
+        delete handle->file_object;
+        handle->file_object = nullptr;
+        handle->bind_object = nullptr;
+        free(handle);
+        LOG_MEMORY_FREE("VELK_open", 8);
+        return status;
+    }
+
+    *handle_out = handle;
+    return 0;
+}
+
+VELK_API unsigned VELK_close(velk_handle* handle)
+{
+    if (!handle_is_live(handle))
+        return VELK_E_BAD_ARGUMENT;
+
+    unsigned int status = handle->file_object->VELK_closedown();
+    if (status != 0)
+        return passed_on(status, __LINE__);
+    status = handle->file_object->VELK_check_all_sections_closed();
+    if (status != 0)
+        return passed_on(status, __LINE__);
+
+    // A stale handle fails the check for as long as its memory keeps these.
+    handle->head_tag += 1;
+    handle->tail_tag += 1;
+    handle->tag_and_platform -= 1;
+    delete handle->file_object;
+    free(handle);
+    return 0;
+}
+
+VELK_API unsigned VELK_abort_cleanup_and_close(velk_handle* handle)
+{
+    // Only the session's files are released: the handle and its objects stay.
+    VELK_FORWARD(handle, VELK_abort_cleanup_and_close());
+}
+
+VELK_API unsigned VELK_get_version(unsigned* major, unsigned* minor)
+{
+    velk_class session;
+    return passed_on(session.VELK_get_version(major, minor), __LINE__);
+}
+
+VELK_API unsigned VELK_error_string(int status, const wchar_t** text)
+{
+    velk_class session;
+    return passed_on(session.VELK_error_string(status, text), __LINE__);
+}
+
+VELK_API unsigned VELK_get_platform_type(velk_handle* handle, unsigned* type)
+{
+    if (handle == nullptr || type == nullptr)
+        return VELK_E_BAD_ARGUMENT;
+    *type = handle->tag_and_platform >> 16;
+    return 0;
+}
+
+VELK_API unsigned VELK_set_platform_type(velk_handle* handle, unsigned type)
+{
+    if (handle == nullptr)
+        return VELK_E_BAD_ARGUMENT;
+    handle->tag_and_platform = (handle->tag_and_platform & 0xFFFFu) | (type << 16);
+    return 0;
+}
+
+VELK_API unsigned VELK_get_vk_file_version(velk_handle* handle, unsigned* version)
+{
+    if (!handle_is_live(handle) || version == nullptr)
+        return VELK_E_BAD_ARGUMENT;
+    return passed_on(handle->file_object->VELK_get_vk_file_version(version), __LINE__);
+}
+
+VELK_API unsigned VELK_convert_utf8_to_wcs(const char* text, wchar_t* destination, unsigned* size)
+{
+    return utf8_to_wcs(text, destination, size);
+}
+
+VELK_API unsigned VELK_convert_utf8_to_wcs_malloced(const char* text, wchar_t** destination)
+{
+    return utf8_to_wcs_malloced(text, destination);
+}
+
+VELK_API unsigned VELK_convert_wcs_to_utf8(const wchar_t* text, char* destination, unsigned* size)
+{
+    return wcs_to_utf8(text, destination, size);
+}
+
+VELK_API unsigned VELK_convert_wcs_to_utf8_malloced(const wchar_t* text, char** destination)
+{
+    return wcs_to_utf8_malloced(text, destination);
+}
+
+VELK_API unsigned VELK_convert_uniqueid_to_string(velk_handle* handle, unsigned size,
+                                                  const __string_or_id* id, wchar_t* buffer,
+                                                  unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_convert_uniqueid_to_string(size, id, buffer, size_out));
+}
+
+}  // extern "C"
