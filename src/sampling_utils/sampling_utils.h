@@ -13,9 +13,10 @@
 // LOGIT_A(mask, format, ...) writes one printf-formatted line when `mask`
 // shares a bit with the configured mask. The configuration is read once, at
 // the first call in the process, from VELK_LOG_MASK (hex with 0x, or decimal;
-// unset or 0: nothing is written) and VELK_LOG_FILE (a path lines are
-// appended to; standard error when unset). Each line is written with one
-// write() so that lines of several processes don't interleave.
+// unset, 0 or unparsable: nothing is written) and VELK_LOG_FILE (a path lines
+// are appended to; standard error when unset or when it can't be opened).
+// Each line is written whole, never cut, with one write() so that lines of
+// several processes don't interleave.
 //
 // Until the configuration is read the active mask is all ones, so the first
 // call always reaches logit_write(), which reads it; after that a call whose
@@ -96,8 +97,11 @@ unsigned int KEMO_get_error_string(unsigned int status, const wchar_t** text);
 // and then converting into a buffer of the size that came back round-trips.
 // A null source gives VELK_E_NULL_POINTER. Invalid UTF-8 (bad sequences,
 // overlong forms, surrogates, values above U+10FFFF) and wide characters
-// outside Unicode give VELK_E_BAD_ARGUMENT.
+// outside Unicode give VELK_E_BAD_ARGUMENT, as does a text whose count does
+// not fit in an unsigned int; *size is then left as it was. On success *size
+// holds the count written.
 // The _malloced forms allocate the result with malloc; the caller frees it.
+// On failure they store a null pointer in *target.
 // ---------------------------------------------------------------------------
 unsigned int wcs_to_utf8(const wchar_t* source, char* target, unsigned int* size);
 unsigned int wcs_to_utf8_malloced(const wchar_t* source, char** target);
@@ -114,7 +118,11 @@ unsigned int snprintf_safe(char* target, size_t size, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 unsigned int strcpy_safe(char* target, size_t size, const char* source);
 unsigned int strcat_safe(char* target, size_t size, const char* source);
-// Appends at most `count` bytes of `source`.
+// Appends at most `count` bytes of `source`, which need not be terminated
+// within them. Both appending forms give VELK_E_BUFFER_TOO_SMALL without
+// writing when `target` holds no terminator within `size`.
+// snprintf_safe gives VELK_E_BAD_ARGUMENT (and an empty target) when the
+// format can't be expanded.
 unsigned int strncat_safe(char* target, size_t size, const char* source, size_t count);
 
 #endif  // VELK_SAMPLING_UTILS_H
