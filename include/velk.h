@@ -171,7 +171,7 @@ VELK_STATIC_ASSERT(offsetof(SampleFileSections_s, stream_number) == 16, "stream_
  * set, the low 63 bits the position of the UTF-8 text. 0 means no string. */
 typedef union __string_or_id {
     wchar_t* text;
-    uint64_t id;
+    unsigned long long id;
 } __string_or_id;
 
 VELK_STATIC_ASSERT(sizeof(__string_or_id) == 8, "a string or id is 8 bytes");
