@@ -1,0 +1,161 @@
+// The protocol of declared reading and writing: both transition tables, the
+// version 5 coupling of processes and threads, and the stream-level rules.
+#include "test_helpers.h"
+#include "velk_class/velk_class.h"
+
+using namespace velk_test;
+
+namespace {
+
+class StatesTest : public TempDirTest {
+protected:
+    void SetUp() override
+    {
+        TempDirTest::SetUp();
+        ASSERT_EQ(0u, s_.VELK_initialize_me(widen(path("s.vk7")).c_str(),
+                                            VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+    }
+    void TearDown() override
+    {
+        s_.VELK_closedown();
+        TempDirTest::TearDown();
+    }
+    unsigned call(int op, unsigned id)  // 0 reading, 1 writing, 2 done
+    {
+        return op == 0 ? s_.VELK_reading_section(id)
+               : op == 1 ? s_.VELK_writing_section(id)
+                         : s_.VELK_done_section(id);
+    }
+    unsigned call_stream(int op, unsigned id)
+    {
+        return op == 0 ? s_.VELK_reading_stream_section(0, id)
+               : op == 1 ? s_.VELK_writing_stream_section(0, id)
+                         : s_.VELK_done_stream_section(0, id);
+    }
+    velk_class s_;
+};
+
+}  // namespace
+
+TEST_F(StatesTest, GlobalSectionTransitions)
+{
+    // [from state][reading, writing, done]: status, then the state after.
+    const unsigned status[4][3] = {{78, 0, 78}, {0, 77, 0}, {0, 77, 0}, {77, 77, 0}};
+    const unsigned after[4][3] = {{0, 3, 0}, {2, 1, 1}, {2, 2, 1}, {3, 3, 1}};
+    // The descriptor section may be read and done while absent.
+    const unsigned status7[3] = {0, 0, 0};
+    const unsigned after7[3] = {2, 3, 1};
+    for (unsigned id : {4u, 7u})
+        for (unsigned from = 0; from < 4; ++from)
+            for (int op = 0; op < 3; ++op) {
+                s_.sections_ptr->section_state[id] = from;
+                const bool special = id == 7 && from == 0;
+                EXPECT_EQ(special ? status7[op] : status[from][op], call(op, id))
+                    << id << " " << from << " " << op;
+                EXPECT_EQ(special ? after7[op] : after[from][op], s_.sections_ptr->section_state[id])
+                    << id << " " << from << " " << op;
+            }
+    LogCapture log(0x80000000u);
+    EXPECT_EQ(VELK_E_UNKNOWN_SECTION, s_.VELK_reading_section(8));
+    EXPECT_EQ(0u, log.count_prefix("<velk "));  // no explaining line
+    s_.sections_ptr->section_state[3] = 3;
+    EXPECT_EQ(VELK_E_SECTION_BUSY, s_.VELK_reading_section(3));
+    EXPECT_TRUE(log.contains_format("<velk %u::helper_set_section_state>%d is being written!\n"));
+}
+
+TEST_F(StatesTest, UseCountsAndTheVersion5Coupling)
+{
+    s_.sections_ptr->section_state[VELK_SECTION_SYSTEM] = 1;
+    EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
+    EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
+    EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_SYSTEM));
+    EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_SYSTEM]);
+    EXPECT_EQ(1u, s_.sections_ptr->section_users[VELK_SECTION_SYSTEM]);
+
+    for (unsigned version : {5u, 6u}) {
+        s_.vk_file_version = version;
+        s_.sections_ptr->section_state[VELK_SECTION_PROCESS] = 1;
+        s_.sections_ptr->section_state[VELK_SECTION_THREAD] = 1;
+        EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_PROCESS));
+        EXPECT_EQ(version == 5 ? 2u : 1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
+        EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_PROCESS));
+        EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
+    }
+    // The repeat's failure is returned; the process section keeps its state.
+    s_.vk_file_version = 5;
+    s_.sections_ptr->section_state[VELK_SECTION_THREAD] = 0;
+    EXPECT_EQ(VELK_E_SECTION_MISSING, s_.VELK_reading_section(VELK_SECTION_PROCESS));
+    EXPECT_EQ(2u, s_.sections_ptr->section_state[VELK_SECTION_PROCESS]);
+}
+
+TEST_F(StatesTest, StreamSectionTransitions)
+{
+    ASSERT_EQ(0u, s_.VELK_writing_stream(0));
+    __VELK_stream_struct* node = s_.stream_list;
+    // [from][reading, writing, done], with the stream in the state the call needs.
+    const unsigned status[4][3] = {{79, 0, 79}, {0, 0, 0}, {0, 0, 0}, {81, 0, 0}};
+    const unsigned after[4][3] = {{0, 3, 0}, {2, 3, 1}, {2, 3, 1}, {3, 3, 1}};
+    for (unsigned id : {0u, 1u})
+        for (unsigned from = 0; from < 4; ++from)
+            for (int op = 0; op < 3; ++op) {
+                node->stream_state = op == 1 ? 3 : 2;
+                node->stream_section_state[id] = from;
+                // Stream 0's description may be read while absent.
+                const bool special = id == 1 && from == 0 && op == 0;
+                EXPECT_EQ(special ? 0u : status[from][op], call_stream(op, id)) << id << from << op;
+                EXPECT_EQ(special ? 2u : after[from][op], node->stream_section_state[id]) << id << from << op;
+            }
+    LogCapture log;
+    node->stream_state = 1;
+    EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_reading_stream_section(0, 4));
+    EXPECT_TRUE(log.contains_format("<velk %u>did not call VELK_reading_stream yet!\n"));
+    node->stream_state = 3;
+    EXPECT_EQ(VELK_E_UNKNOWN_SECTION, s_.VELK_writing_stream_section(0, 5));
+    node->stream_section_state[1] = 0;
+    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_done_stream_section(0, 1));
+    EXPECT_TRUE(log.contains_format("<velk %u>data description stream does not exist!\n"));
+    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_reading_stream_section(1, 0));
+}
+
+TEST_F(StatesTest, StreamsAreMadeInOrderAndMustBeDescribed)
+{
+    LogCapture log;
+    ASSERT_EQ(0u, s_.VELK_writing_stream(0));
+    ASSERT_EQ(0u, s_.VELK_writing_stream(1));
+    EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_writing_stream(3));
+    EXPECT_TRUE(log.contains_format("<velk %u>stream 2 hasn't been created yet!\n"));
+    EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_writing_stream(1));
+    EXPECT_TRUE(log.contains_format("<velk %u>stream 1 already exists!\n"));
+    EXPECT_EQ(0u, s_.VELK_writing_stream(2));
+    EXPECT_EQ(3, s_.stream_count);
+    // A second call on stream 0 in a created file adds a stream all the same.
+    EXPECT_EQ(0u, s_.VELK_writing_stream(0));
+    EXPECT_EQ(4, s_.stream_count);
+
+    // Done on an undescribed stream: 80, both lines, and the writing ends.
+    EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_done_stream(1));
+    EXPECT_TRUE(log.contains_format("<velk %u>data stream comment is not set!\n"));
+    EXPECT_TRUE(log.contains_format("<velk %u>data stream type is not set!\n"));
+    EXPECT_EQ(0u, s_.VELK_done_stream(1));
+    EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_reading_stream(0));
+    EXPECT_TRUE(log.contains_format("<velk %u>stream 0 currently being written!\n"));
+    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_done_stream(4));
+    EXPECT_TRUE(log.contains_format("<velk %u>invalid stream 4!\n"));
+
+    unsigned exists = 9;
+    EXPECT_EQ(0u, s_.VELK_exists_global_section(27, &exists));
+    EXPECT_EQ(0u, exists);
+    s_.sections_ptr->section_state[VELK_SECTION_CONFIGURATION] = 3;
+    EXPECT_EQ(0u, s_.VELK_exists_global_section(26, &exists));
+    EXPECT_EQ(1u, exists);
+    EXPECT_EQ(0u, s_.VELK_exists_global_section(24, &exists));
+    EXPECT_EQ(0u, exists);
+    EXPECT_TRUE(log.contains_format("<velk %u::VELK_exists_global_section>unrecognized section 24\n"));
+    s_.stream_list->stream_section_state[2] = 1;
+    EXPECT_EQ(0u, s_.VELK_exists_stream_section(0, 38, &exists));
+    EXPECT_EQ(1u, exists);
+    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_exists_stream_section(9, 38, &exists));
+    s_.sections_ptr->section_state[VELK_SECTION_CONFIGURATION] = 1;
+    for (auto* n = s_.stream_list; n; n = n->next)
+        n->stream_state = 1;
+}
