@@ -177,6 +177,120 @@ typedef union __string_or_id {
 VELK_STATIC_ASSERT(sizeof(__string_or_id) == 8, "a string or id is 8 bytes");
 
 /* ------------------------------------------------------------------------
+ * File-wide records. Texts are __string_or_id: wide text on the way in, ids
+ * in the file and on the way out.
+ * ------------------------------------------------------------------------ */
+typedef struct __VELK_host {
+    uint32_t host_size;
+    uint32_t host_flags;
+    __string_or_id host_text_1;
+    __string_or_id host_text_2;
+} __VELK_host;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_host) == 24, "host record is 24 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_host, host_flags) == 4, "host_flags at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_host, host_text_1) == 8, "host_text_1 at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_host, host_text_2) == 16, "host_text_2 at 16");
+
+#define VELK_MAX_OS_RECORDS 6
+
+typedef struct __VELK_os {
+    uint32_t os_size;
+    uint32_t os_type;
+    uint32_t os_word_1;
+    uint32_t os_word_2;
+    uint32_t os_word_3;
+    uint32_t os_word_4;
+    __string_or_id os_text_1;
+    __string_or_id os_text_2;
+} __VELK_os;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_os) == 40, "OS record is 40 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_os, os_type) == 4, "os_type at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_os, os_word_1) == 8, "os_word_1 at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_os, os_word_4) == 20, "os_word_4 at 20");
+VELK_STATIC_ASSERT(offsetof(__VELK_os, os_text_1) == 24, "os_text_1 at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_os, os_text_2) == 32, "os_text_2 at 32");
+
+typedef struct __VELK_application {
+    uint32_t application_size;
+    uint32_t reserved;
+    uint32_t application_word_1;
+    uint32_t application_word_2;
+    uint64_t application_value_1;
+    uint64_t application_value_2;
+} __VELK_application;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_application) == 32, "application record is 32 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_application, application_word_1) == 8, "word_1 at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_application, application_word_2) == 12, "word_2 at 12");
+VELK_STATIC_ASSERT(offsetof(__VELK_application, application_value_1) == 16, "value_1 at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_application, application_value_2) == 24, "value_2 at 24");
+
+typedef struct __VELK_version_info {
+    uint32_t version_size;
+    uint16_t version_major;
+    uint16_t version_minor;
+    uint32_t reserved;         /* its low 16 bits: the patch level (2.0.8) */
+    uint32_t version_revision;
+} __VELK_version_info;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_version_info) == 16, "version record is 16 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_version_info, version_major) == 4, "version_major at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_version_info, version_minor) == 6, "version_minor at 6");
+VELK_STATIC_ASSERT(offsetof(__VELK_version_info, reserved) == 8, "reserved at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_version_info, version_revision) == 12, "revision at 12");
+
+/* ------------------------------------------------------------------------
+ * Stream information.
+ * ------------------------------------------------------------------------ */
+typedef uint32_t VELK_STREAM_TYPE;
+#define VELK_STREAM_TYPE_SAMPLE       1u
+#define VELK_STREAM_TYPE_DATA_BIND    4u
+#define VELK_STREAM_TYPE_MODULE_BIND  5u
+#define VELK_STREAM_TYPE_THREAD_BIND  7u
+
+/* What a stream is. The public record is 64 bytes. */
+typedef struct __VELK_stream_info {
+    uint32_t stream_info_size;
+    uint32_t stream_param_a;
+    VELK_STREAM_TYPE stream_type;   /* must be set before the stream is done */
+    uint32_t stream_param_b;
+    uint32_t stream_param_c;
+    uint32_t stream_param_d;
+    uint32_t stream_param_e;
+    uint32_t stream_param_f;
+    __string_or_id command_line;
+    __string_or_id cpu;
+    __string_or_id comment;         /* must be set before the stream is done */
+    uint64_t stream_value;
+} __VELK_stream_info;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_stream_info) == 64, "public stream info is 64 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, stream_param_a) == 4, "param_a at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, stream_type) == 8, "stream_type at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, stream_param_b) == 12, "param_b at 12");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, stream_param_f) == 28, "param_f at 28");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, command_line) == 32, "command_line at 32");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, cpu) == 40, "cpu at 40");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, comment) == 48, "comment at 48");
+VELK_STATIC_ASSERT(offsetof(__VELK_stream_info, stream_value) == 56, "stream_value at 56");
+
+typedef struct __VELK_user_info {
+    __string_or_id user_info;
+} __VELK_user_info;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_user_info) == 8, "user info is 8 bytes");
+
+/* A last-branch-record filter setting, stored as given. */
+typedef uint32_t VELK_LBR_FILTER;
+
+/* The LBR filter bits and their names, index by index. */
+#define VELK_LBR_FILTER_COUNT 9
+extern VELK_API const char* const VELK_lbr_filter_names[VELK_LBR_FILTER_COUNT];
+extern VELK_API const uint32_t VELK_lbr_filter_values[VELK_LBR_FILTER_COUNT];
+
+/* ------------------------------------------------------------------------
  * Handles, file and session.
  * ------------------------------------------------------------------------ */
 typedef struct velk_handle velk_handle;
@@ -189,6 +303,60 @@ VELK_API unsigned VELK_error_string(int status, const wchar_t** text);
 VELK_API unsigned VELK_get_platform_type(velk_handle* handle, unsigned* type);
 VELK_API unsigned VELK_set_platform_type(velk_handle* handle, unsigned type);
 VELK_API unsigned VELK_get_vk_file_version(velk_handle* handle, unsigned* version);
+
+/* File and section state. Readers and writers declare what they are about
+ * to do to a section, and declare it done. */
+VELK_API unsigned VELK_verify(velk_handle* handle);
+VELK_API unsigned VELK_get_number_data_streams(velk_handle* handle, unsigned* count);
+VELK_API unsigned VELK_reading_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id);
+VELK_API unsigned VELK_writing_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id);
+VELK_API unsigned VELK_done_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id);
+VELK_API unsigned VELK_reading_stream(velk_handle* handle, unsigned stream);
+VELK_API unsigned VELK_writing_stream(velk_handle* handle, unsigned stream);
+VELK_API unsigned VELK_done_stream(velk_handle* handle, unsigned stream);
+VELK_API unsigned VELK_reading_stream_section(velk_handle* handle, unsigned stream,
+                                              VELK_STREAM_SECTION_IDENTIFIER id);
+VELK_API unsigned VELK_writing_stream_section(velk_handle* handle, unsigned stream,
+                                              VELK_STREAM_SECTION_IDENTIFIER id);
+VELK_API unsigned VELK_done_stream_section(velk_handle* handle, unsigned stream,
+                                           VELK_STREAM_SECTION_IDENTIFIER id);
+/* These two take a section kind of the file, not an identifier. */
+VELK_API unsigned VELK_exists_global_section(velk_handle* handle, unsigned kind, unsigned* exists);
+VELK_API unsigned VELK_exists_stream_section(velk_handle* handle, unsigned stream, unsigned kind,
+                                             unsigned* exists);
+
+/* File-wide records. Getters take the two-call form: size 0 and a null
+ * record ask for the size. */
+VELK_API unsigned VELK_get_host(velk_handle* handle, unsigned size, __VELK_host* host,
+                                unsigned* size_out);
+VELK_API unsigned VELK_set_host(velk_handle* handle, __VELK_host* host);
+VELK_API unsigned VELK_get_os(velk_handle* handle, unsigned size, __VELK_os* os,
+                              unsigned* size_out);
+VELK_API unsigned VELK_set_os(velk_handle* handle, unsigned count, __VELK_os* os);
+VELK_API unsigned VELK_get_application(velk_handle* handle, unsigned size,
+                                       __VELK_application* application, unsigned* size_out);
+VELK_API unsigned VELK_set_application(velk_handle* handle, __VELK_application* application);
+VELK_API unsigned VELK_get_version_info(velk_handle* handle, unsigned size,
+                                        __VELK_version_info* info, unsigned* size_out);
+VELK_API unsigned VELK_set_version_info(velk_handle* handle, __VELK_version_info* info);
+
+/* Stream information. */
+VELK_API unsigned VELK_set_stream_info(velk_handle* handle, unsigned stream,
+                                       __VELK_stream_info* info);
+VELK_API unsigned VELK_get_stream_info(velk_handle* handle, unsigned stream, unsigned size,
+                                       __VELK_stream_info* info, unsigned* size_out);
+VELK_API unsigned VELK_set_user_info(velk_handle* handle, unsigned stream, __VELK_user_info* info);
+VELK_API unsigned VELK_get_user_info(velk_handle* handle, unsigned stream, unsigned size,
+                                     __VELK_user_info* info, unsigned* size_out);
+VELK_API unsigned VELK_set_lbr_info(velk_handle* handle, unsigned stream, VELK_LBR_FILTER info);
+VELK_API unsigned VELK_get_lbr_info(velk_handle* handle, unsigned stream, VELK_LBR_FILTER* info);
+VELK_API unsigned VELK_set_lbr_filter_info(velk_handle* handle, unsigned stream, unsigned filter);
+VELK_API unsigned VELK_get_lbr_filter_info(velk_handle* handle, unsigned stream, unsigned size,
+                                           char* text);
+VELK_API unsigned VELK_set_uncore_info(velk_handle* handle, unsigned stream, unsigned short first,
+                                       unsigned short second);
+VELK_API unsigned VELK_get_uncore_info(velk_handle* handle, unsigned stream,
+                                       unsigned short* first, unsigned short* second);
 
 /* Character conversion. Sizes are in/out: capacity in, needed count out
  * (bytes for UTF-8, wide characters for wchar_t, terminator included). The

@@ -183,6 +183,24 @@ struct velk_legacy_header_fields {
     uint32_t legacy_sections_written;
 };
 
+// The stream information as a stream holds it and a current file stores it:
+// the public record, then the values that have operations of their own.
+struct velk_stream_info_record {
+    __VELK_stream_info info;
+    __string_or_id user_info;
+    VELK_LBR_FILTER lbr_info;
+    uint32_t lbr_filter;
+    uint16_t uncore_first;
+    uint16_t uncore_second;
+    uint8_t reserved[44];
+};
+static_assert(sizeof(velk_stream_info_record) == 128, "stored stream info is 128 bytes");
+static_assert(offsetof(velk_stream_info_record, user_info) == 64, "user_info at 64");
+static_assert(offsetof(velk_stream_info_record, lbr_info) == 72, "lbr_info at 72");
+static_assert(offsetof(velk_stream_info_record, lbr_filter) == 76, "lbr_filter at 76");
+static_assert(offsetof(velk_stream_info_record, uncore_first) == 80, "uncore_first at 80");
+static_assert(offsetof(velk_stream_info_record, uncore_second) == 82, "uncore_second at 82");
+
 // One data stream in the session's list.
 struct __VELK_stream_struct {
     __VELK_sample_file_section_vk6 event_section;             // kind 36
@@ -202,6 +220,8 @@ struct __VELK_stream_struct {
     velk_list_head* desc_list;
     FILE_INFO_NODE* user_defined_store;
     FILE_INFO_NODE* data_store;
+    velk_stream_info_record stream_info;
+    unsigned int stream_info_set;
     __VELK_mmap_tracker data_map;
     void* event_buffer;
     __VELK_stream_struct* next;
@@ -209,6 +229,16 @@ struct __VELK_stream_struct {
 
 // All that is known of the file's global level.
 struct velk_section_block {
+    __VELK_host host;
+    unsigned int host_set;
+    __VELK_os os[VELK_MAX_OS_RECORDS];
+    unsigned int os_count;
+    unsigned int os_set;
+    __VELK_application application;
+    unsigned int application_set;
+    __VELK_version_info version;
+    unsigned int version_set;
+
     void* global_desc_buffer;
     unsigned int global_desc_dirty;
     velk_list_head* global_desc_list;
@@ -334,15 +364,96 @@ public:
                                                  const __string_or_id* id, wchar_t* buffer,
                                                  unsigned int* size);
 
+    // Analysing an existing file.
+    unsigned int helper_init_fillin_SampleFileSection_info_from_file();
+    unsigned int helper_init_fillin_global_samplefilesections();
+    unsigned int helper_init_fillin_stream_samplefilesections();
+    unsigned int helper_init_which_sections_present();
+    unsigned int VELK_verify();
+    // The session's descriptor of a kind of the section table, or of the
+    // global table; null for a kind that is not valid at that level.
+    __VELK_sample_file_section_vk6* helper_section_table_sfs(unsigned int kind);
+    __VELK_sample_file_section_vk6* helper_global_table_sfs(unsigned int kind);
+
     // States.
+    unsigned int helper_set_section_state(unsigned int id, unsigned int state);
+    unsigned int helper_set_stream_section_state(unsigned int stream, unsigned int id,
+                                                 unsigned int state);
+    unsigned int VELK_reading_section(unsigned int id);
+    unsigned int VELK_writing_section(unsigned int id);
+    unsigned int VELK_done_section(unsigned int id);
+    unsigned int VELK_reading_stream_section(unsigned int stream, unsigned int id);
+    unsigned int VELK_writing_stream_section(unsigned int stream, unsigned int id);
+    unsigned int VELK_done_stream_section(unsigned int stream, unsigned int id);
+    unsigned int VELK_reading_stream(unsigned int stream);
+    unsigned int VELK_writing_stream(unsigned int stream);
+    unsigned int VELK_done_stream(unsigned int stream);
+    unsigned int VELK_exists_global_section(unsigned int kind, unsigned int* exists);
+    unsigned int VELK_exists_stream_section(unsigned int stream, unsigned int kind,
+                                            unsigned int* exists);
     unsigned int VELK_check_all_sections_closed();
+
+    // Stream list.
+    unsigned int VELK_get_number_data_streams(unsigned int* count);
+    unsigned int utility_point_to_stream_index(unsigned int index, __VELK_stream_struct** stream);
+    unsigned int utility_add_a_new_stream(unsigned int write_to_file);
+
+    // Host, OS, application and version.
+    unsigned int VELK_set_host(__VELK_host* host);
+    unsigned int VELK_get_host(unsigned int size, __VELK_host* host, unsigned int* size_out);
+    unsigned int VELK_set_os(unsigned int count, __VELK_os* os);
+    unsigned int VELK_get_os(unsigned int size, __VELK_os* os, unsigned int* size_out);
+    unsigned int VELK_set_application(__VELK_application* application);
+    unsigned int VELK_get_application(unsigned int size, __VELK_application* application,
+                                      unsigned int* size_out);
+    unsigned int VELK_set_version_info(__VELK_version_info* info);
+    unsigned int VELK_get_version_info(unsigned int size, __VELK_version_info* info,
+                                       unsigned int* size_out);
+    unsigned int write_to_file_velk_host();
+    unsigned int write_to_file_velk_os();
+    unsigned int write_to_file_new_velk_application();
+    unsigned int write_to_file_ruma_sysinfo_and_velk_application();
+    unsigned int write_to_file_velk_version_info();
+    unsigned int write_to_file_legacy_software_section();
+
+    // Stream information.
+    unsigned int VELK_set_stream_info(unsigned int stream, __VELK_stream_info* info);
+    unsigned int VELK_get_stream_info(unsigned int stream, unsigned int size,
+                                      __VELK_stream_info* info, unsigned int* size_out);
+    unsigned int VELK_set_user_info(unsigned int stream, __VELK_user_info* info);
+    unsigned int VELK_get_user_info(unsigned int stream, unsigned int size, __VELK_user_info* info,
+                                    unsigned int* size_out);
+    unsigned int VELK_set_lbr_info(unsigned int stream, VELK_LBR_FILTER info);
+    unsigned int VELK_get_lbr_info(unsigned int stream, VELK_LBR_FILTER* info);
+    unsigned int VELK_set_lbr_filter_info(unsigned int stream, unsigned int filter);
+    unsigned int VELK_get_lbr_filter_info(unsigned int stream, unsigned int size, char* text);
+    unsigned int VELK_set_uncore_info(unsigned int stream, unsigned short first,
+                                      unsigned short second);
+    unsigned int VELK_get_uncore_info(unsigned int stream, unsigned short* first,
+                                      unsigned short* second);
+    unsigned int write_to_file_velk_stream_info(unsigned int stream);
+
+    // Legacy header ex.
+    unsigned int helper_write_sample_file_header_ex();
 
     // Closing.
     unsigned int VELK_closedown();
     unsigned int VELK_abort_cleanup_and_close();
     unsigned int helper_close_assemble_final_file();
+    unsigned int helper_check_global_sections_for_write(unsigned int* wrote);
+    unsigned int helper_check_streams_for_write(unsigned int* wrote);
     unsigned int helper_close_do_final_cleanup();
     unsigned int helper_close_unmap_all();
+    unsigned int helper_close_abort_streams(unsigned int stream, unsigned int previous);
+
+    // Debug report and private section.
+    unsigned int utility_debug_human_readable();
+    unsigned int helper_log_private_section();
+
+    // Maps `length` bytes at `offset` of the sample file into a one-time
+    // window counted in bytes, for a small section read whole.
+    unsigned int helper_map_small_section(__VELK_mmap_tracker* map, unsigned long long offset,
+                                          unsigned long long length);
 
     bool may_read() const { return (access_mode & VELK_ACCESS_READ) != 0; }
     bool may_write() const { return (access_mode & VELK_ACCESS_WRITE) != 0; }

@@ -166,4 +166,73 @@ VELK_API unsigned VELK_convert_uniqueid_to_string(velk_handle* handle, unsigned 
     VELK_FORWARD(handle, VELK_convert_uniqueid_to_string(size, id, buffer, size_out));
 }
 
+VELK_API unsigned VELK_verify(velk_handle* handle)
+{
+    VELK_FORWARD(handle, VELK_verify());
+}
+
+VELK_API unsigned VELK_get_number_data_streams(velk_handle* handle, unsigned* count)
+{
+    VELK_FORWARD(handle, VELK_get_number_data_streams(count));
+}
+
+VELK_API unsigned VELK_reading_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_reading_section((unsigned)id));
+}
+
+VELK_API unsigned VELK_writing_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_writing_section((unsigned)id));
+}
+
+VELK_API unsigned VELK_done_section(velk_handle* handle, VELK_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_done_section((unsigned)id));
+}
+
+VELK_API unsigned VELK_reading_stream(velk_handle* handle, unsigned stream)
+{
+    VELK_FORWARD(handle, VELK_reading_stream(stream));
+}
+
+VELK_API unsigned VELK_writing_stream(velk_handle* handle, unsigned stream)
+{
+    VELK_FORWARD(handle, VELK_writing_stream(stream));
+}
+
+VELK_API unsigned VELK_done_stream(velk_handle* handle, unsigned stream)
+{
+    VELK_FORWARD(handle, VELK_done_stream(stream));
+}
+
+VELK_API unsigned VELK_reading_stream_section(velk_handle* handle, unsigned stream,
+                                              VELK_STREAM_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_reading_stream_section(stream, (unsigned)id));
+}
+
+VELK_API unsigned VELK_writing_stream_section(velk_handle* handle, unsigned stream,
+                                              VELK_STREAM_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_writing_stream_section(stream, (unsigned)id));
+}
+
+VELK_API unsigned VELK_done_stream_section(velk_handle* handle, unsigned stream,
+                                           VELK_STREAM_SECTION_IDENTIFIER id)
+{
+    VELK_FORWARD(handle, VELK_done_stream_section(stream, (unsigned)id));
+}
+
+VELK_API unsigned VELK_exists_global_section(velk_handle* handle, unsigned kind, unsigned* exists)
+{
+    VELK_FORWARD(handle, VELK_exists_global_section(kind, exists));
+}
+
+VELK_API unsigned VELK_exists_stream_section(velk_handle* handle, unsigned stream, unsigned kind,
+                                             unsigned* exists)
+{
+    VELK_FORWARD(handle, VELK_exists_stream_section(stream, kind, exists));
+}
+
 }  // extern "C"
