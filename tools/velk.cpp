@@ -1,7 +1,10 @@
 // velk: command-line companion of the library.
 //
-//   velk demo FILE   creates a new sample file through the library, closes it,
-//                    and prints its size and the first entries of its tables.
+//   velk demo FILE   writes a small sample file through the library (host, OS,
+//                    application and version records, one described stream),
+//                    closes it, reopens it and dumps it.
+//   velk dump FILE   opens a sample file read-only and prints its tables,
+//                    streams and file-wide records.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,98 +18,309 @@ namespace {
 
 int usage()
 {
-    fprintf(stderr, "usage: velk demo FILE\n");
+    fprintf(stderr, "usage: velk demo FILE\n       velk dump FILE\n");
     return 2;
 }
 
 std::wstring widen(const char* text)
 {
-    unsigned count = 0;
-    VELK_convert_utf8_to_wcs(text, nullptr, &count);
-    std::wstring wide(count, L'\0');
-    if (VELK_convert_utf8_to_wcs(text, &wide[0], &count) != 0)
+    wchar_t* wide = nullptr;
+    if (VELK_convert_utf8_to_wcs_malloced(text, &wide) != 0)
         return std::wstring();
-    wide.resize(wcslen(wide.c_str()));
-    return wide;
+    std::wstring result(wide);
+    free(wide);
+    return result;
 }
 
-void print_status(const char* what, unsigned status)
+bool failed(const char* what, unsigned status)
 {
+    if (status == 0)
+        return false;
     const wchar_t* text = nullptr;
     VELK_error_string((int)status, &text);
     fprintf(stderr, "%s failed: %u (%ls)\n", what, status, text ? text : L"?");
-}
-
-bool read_file(const char* path, std::vector<unsigned char>* bytes)
-{
-    FILE* f = fopen(path, "rb");
-    if (f == nullptr)
-        return false;
-    unsigned char chunk[65536];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof(chunk), f)) > 0)
-        bytes->insert(bytes->end(), chunk, chunk + got);
-    fclose(f);
     return true;
 }
 
-void print_slot(const char* table, unsigned slot, const __VELK_sample_file_section_vk6& s)
+// ---------------------------------------------------------------------------
+// The raw tables, read from the file's bytes.
+// ---------------------------------------------------------------------------
+const char* kind_name(unsigned kind)
 {
-    printf("  %s slot %u: kind %u, offset %llu, length %llu, entries %llu, entry length %u\n",
-           table, slot, s.section_id, (unsigned long long)s.file_offset,
-           (unsigned long long)s.length, (unsigned long long)s.number_entries, s.entry_length);
+    switch (kind) {
+    case 1: return "legacy sample record";
+    case 2: return "legacy module record";
+    case 3: return "legacy pid record";
+    case 4: return "legacy header";
+    case 7: return "legacy tid record";
+    case 8: return "legacy raw pid record";
+    case 9: return "legacy raw tid record";
+    case 12: return "legacy hardware configuration";
+    case 13: return "legacy software configuration";
+    case 14: return "legacy events";
+    case 15: return "legacy symbols";
+    case 16: return "legacy header ex";
+    case 18: return "legacy user defined thread names";
+    case 19: return "legacy sample record header";
+    case 20: return "legacy sample record lean arm";
+    case 21: return "legacy raw module record";
+    case 22: return "legacy calibration results";
+    case 23: return "legacy processor information";
+    case 24: return "legacy ruma_sys_info";
+    case 25: return "velk system";
+    case 26: return "velk host";
+    case 27: return "velk os";
+    case 28: return "velk application";
+    case 29: return "velk pid";
+    case 30: return "velk tid";
+    case 31: return "velk module";
+    case 32: return "velk user defined global";
+    case 33: return "velk version info";
+    case 34: return "special velk global offset";
+    case 35: return "velk private use section info";
+    case 36: return "velk event";
+    case 37: return "velk data description";
+    case 38: return "velk data section";
+    case 39: return "velk user defined stream";
+    case 40: return "velk stream info";
+    case 41: return "special velk stream offset";
+    case 46: return "velk global descriptor section";
+    case 65534: return "logically deleted";
+    default: return "unknown";
+    }
+}
+
+struct Slot {
+    uint64_t length, offset, entries;
+    uint32_t entry_length, kind;
+};
+
+class RawFile {
+public:
+    explicit RawFile(const char* path)
+    {
+        if (FILE* f = fopen(path, "rb")) {
+            unsigned char chunk[65536];
+            size_t got;
+            while ((got = fread(chunk, 1, sizeof(chunk), f)) > 0)
+                bytes_.insert(bytes_.end(), chunk, chunk + got);
+            fclose(f);
+        }
+    }
+    size_t size() const { return bytes_.size(); }
+    bool starts_with(const char* text) const
+    {
+        return bytes_.size() >= strlen(text) && memcmp(bytes_.data(), text, strlen(text)) == 0;
+    }
+    bool has(uint64_t offset, uint64_t length) const
+    {
+        return offset <= bytes_.size() && length <= bytes_.size() - offset;
+    }
+    uint64_t u(uint64_t offset, unsigned width) const
+    {
+        uint64_t v = 0;
+        if (has(offset, width))
+            memcpy(&v, &bytes_[offset], width);
+        return v;
+    }
+    // A slot in the 40-byte form, or in version 5's 20- or 32-byte forms.
+    Slot slot(uint64_t at, unsigned form) const
+    {
+        if (form == 20)
+            return {u(at, 4), u(at + 4, 4), u(at + 8, 4), (uint32_t)u(at + 12, 2), (uint32_t)u(at + 14, 2)};
+        if (form == 32)
+            return {u(at, 8), u(at + 8, 8), u(at + 16, 4), (uint32_t)u(at + 20, 4), (uint32_t)u(at + 24, 4)};
+        return {u(at, 8), u(at + 8, 8), u(at + 16, 8), (uint32_t)u(at + 24, 4), (uint32_t)u(at + 28, 4)};
+    }
+
+private:
+    std::vector<unsigned char> bytes_;
+};
+
+// Prints the used slots of a table; returns the kind 41 slot's offset, or 0.
+uint64_t print_table(const RawFile& f, const char* title, uint64_t at, unsigned slots, unsigned form)
+{
+    printf("%s at %llu:\n", title, (unsigned long long)at);
+    uint64_t next = 0;
+    for (unsigned i = 0; i < slots && f.has(at + (uint64_t)i * form, form); ++i) {
+        const Slot s = f.slot(at + (uint64_t)i * form, form);
+        if (s.length == 0 && s.kind == 0)
+            continue;
+        printf("  slot %2u: kind %5u %-34s offset %10llu length %8llu entries %6llu entry length %u\n",
+               i, s.kind, kind_name(s.kind), (unsigned long long)s.offset,
+               (unsigned long long)s.length, (unsigned long long)s.entries, s.entry_length);
+        if (s.kind == 41)
+            next = s.offset;
+    }
+    return next;
+}
+
+void print_tables(const char* path)
+{
+    const RawFile f(path);
+    if (f.size() < 16) {
+        printf("file too short for a sample file: %zu bytes\n", f.size());
+        return;
+    }
+    const bool v5 = f.starts_with("SampleF ");
+    const unsigned entry_form = v5 ? 20 : 40, slot_form = v5 ? 32 : 40;
+    print_table(f, "section table", 16, 20, entry_form);
+    uint64_t global = 0, global_length = 0;
+    for (unsigned i = 0; i < 20; ++i) {
+        const Slot s = f.slot(16 + (uint64_t)i * entry_form, entry_form);
+        if (s.kind == 34) {
+            global = s.offset;
+            global_length = s.length;
+        }
+    }
+    if (global == 0)
+        return;
+    uint64_t stream = print_table(f, "global table", global, (unsigned)(global_length / slot_form), slot_form);
+    std::vector<uint64_t> seen;
+    for (unsigned n = 0; stream != 0 && n < 1000; ++n) {
+        for (uint64_t s : seen)
+            if (s == stream)
+                return;
+        seen.push_back(stream);
+        char title[64];
+        snprintf(title, sizeof(title), "stream %u table", n);
+        stream = print_table(f, title, stream, 8, slot_form);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// What the library reads back.
+// ---------------------------------------------------------------------------
+std::string text_of(velk_handle* h, __string_or_id id)
+{
+    if (id.id == 0)
+        return "(none)";
+    unsigned size = 0;
+    if (VELK_convert_uniqueid_to_string(h, 0, &id, nullptr, &size) != 0)
+        return "(unresolved)";
+    std::vector<wchar_t> wide(size / sizeof(wchar_t) + 1, L'\0');
+    if (size == 0 || VELK_convert_uniqueid_to_string(h, size, &id, wide.data(), &size) != 0)
+        return "";
+    char* utf8 = nullptr;
+    if (VELK_convert_wcs_to_utf8_malloced(wide.data(), &utf8) != 0)
+        return "(unconvertible)";
+    std::string result = "\"" + std::string(utf8) + "\"";
+    free(utf8);
+    return result;
+}
+
+void print_records(velk_handle* h)
+{
+    if (VELK_reading_section(h, VELK_SECTION_CONFIGURATION) == 0) {
+        __VELK_host host;
+        if (VELK_get_host(h, sizeof(host), &host, nullptr) == 0)
+            printf("host: size %u, flags 0x%x, text 1 %s, text 2 %s\n", host.host_size,
+                   host.host_flags, text_of(h, host.host_text_1).c_str(),
+                   text_of(h, host.host_text_2).c_str());
+        unsigned size = 0;
+        if (VELK_get_os(h, 0, nullptr, &size) == 0 && size > 0) {
+            std::vector<__VELK_os> os(size / sizeof(__VELK_os));
+            if (VELK_get_os(h, size, os.data(), &size) == 0)
+                for (size_t i = 0; i < os.size(); ++i)
+                    printf("os %zu: type %u, words %u %u %u %u, text 1 %s, text 2 %s\n", i,
+                           os[i].os_type, os[i].os_word_1, os[i].os_word_2, os[i].os_word_3,
+                           os[i].os_word_4, text_of(h, os[i].os_text_1).c_str(),
+                           text_of(h, os[i].os_text_2).c_str());
+        }
+        __VELK_application app;
+        if (VELK_get_application(h, sizeof(app), &app, nullptr) == 0)
+            printf("application: words %u %u, values %llu %llu\n", app.application_word_1,
+                   app.application_word_2, (unsigned long long)app.application_value_1,
+                   (unsigned long long)app.application_value_2);
+        VELK_done_section(h, VELK_SECTION_CONFIGURATION);
+    }
+    if (VELK_reading_section(h, VELK_SECTION_VERSION_INFO) == 0) {
+        __VELK_version_info v;
+        if (VELK_get_version_info(h, sizeof(v), &v, nullptr) == 0)
+            printf("version info: %u.%u.%u, revision %u\n", v.version_major, v.version_minor,
+                   v.reserved & 0xFFFF, v.version_revision);
+        VELK_done_section(h, VELK_SECTION_VERSION_INFO);
+    }
+}
+
+void print_streams(velk_handle* h)
+{
+    unsigned count = 0;
+    VELK_get_number_data_streams(h, &count);
+    printf("streams: %u\n", count);
+    for (unsigned n = 0; n < count; ++n) {
+        if (VELK_reading_stream(h, n) != 0)
+            continue;
+        printf("stream %u:\n", n);
+        unsigned exists = 0;
+        VELK_exists_stream_section(h, n, 40, &exists);
+        if (exists && VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO) == 0) {
+            __VELK_stream_info info;
+            if (VELK_get_stream_info(h, n, sizeof(info), &info, nullptr) == 0) {
+                printf("  type %u, comment %s\n", info.stream_type, text_of(h, info.comment).c_str());
+                printf("  command line %s, cpu %s\n", text_of(h, info.command_line).c_str(),
+                       text_of(h, info.cpu).c_str());
+                printf("  params %u %u %u %u %u %u, value %llu\n", info.stream_param_a,
+                       info.stream_param_b, info.stream_param_c, info.stream_param_d,
+                       info.stream_param_e, info.stream_param_f,
+                       (unsigned long long)info.stream_value);
+            }
+            VELK_done_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO);
+        }
+        VELK_done_stream(h, n);
+    }
+}
+
+int dump(const char* path)
+{
+    velk_handle* h = nullptr;
+    if (failed("VELK_open", VELK_open(&h, widen(path).c_str(), VELK_OPEN_READ)))
+        return 1;
+    unsigned version = 0;
+    VELK_get_vk_file_version(h, &version);
+    const RawFile f(path);
+    printf("%s: %zu bytes, file version %u\n", path, f.size(), version);
+    print_tables(path);
+    print_records(h);
+    print_streams(h);
+    return failed("VELK_close", VELK_close(h)) ? 1 : 0;
 }
 
 int demo(const char* path)
 {
-    velk_handle* handle = nullptr;
-    const std::wstring name = widen(path);
-    unsigned status = VELK_open(&handle, name.c_str(),
-                                VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE);
-    if (status != 0) {
-        print_status("VELK_open", status);
+    velk_handle* h = nullptr;
+    if (failed("VELK_open", VELK_open(&h, widen(path).c_str(),
+                                      VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE)))
         return 1;
-    }
-    unsigned version = 0;
-    VELK_get_vk_file_version(handle, &version);
-    status = VELK_close(handle);
-    if (status != 0) {
-        print_status("VELK_close", status);
+    __VELK_host host = {24, 0, {(wchar_t*)L"demo-host"}, {(wchar_t*)L"x86_64"}};
+    __VELK_os os = {40, 1, 6, 1, 0, 0, {(wchar_t*)L"Linux"}, {(wchar_t*)L"6.1.0"}};
+    __VELK_application app = {32, 0, 2, 4, 2400000000ULL, 100000000ULL};
+    __VELK_version_info version = {16, 2, 0, 8, 27};
+    if (failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_CONFIGURATION)) ||
+        failed("VELK_set_host", VELK_set_host(h, &host)) ||
+        failed("VELK_set_os", VELK_set_os(h, 1, &os)) ||
+        failed("VELK_set_application", VELK_set_application(h, &app)) ||
+        failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_CONFIGURATION)) ||
+        failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_VERSION_INFO)) ||
+        failed("VELK_set_version_info", VELK_set_version_info(h, &version)) ||
+        failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_VERSION_INFO)))
         return 1;
-    }
-
-    std::vector<unsigned char> bytes;
-    if (!read_file(path, &bytes) || bytes.size() < 16) {
-        fprintf(stderr, "cannot read %s back\n", path);
+    __VELK_stream_info info;
+    memset(&info, 0, sizeof(info));
+    info.stream_type = VELK_STREAM_TYPE_SAMPLE;
+    info.command_line.text = (wchar_t*)L"./app --run";
+    info.cpu.text = (wchar_t*)L"demo cpu";
+    info.comment.text = (wchar_t*)L"samples of the demo";
+    if (failed("VELK_writing_stream", VELK_writing_stream(h, 0)) ||
+        failed("VELK_writing_stream_section",
+               VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO)) ||
+        failed("VELK_set_stream_info", VELK_set_stream_info(h, 0, &info)) ||
+        failed("VELK_done_stream_section",
+               VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO)) ||
+        failed("VELK_done_stream", VELK_done_stream(h, 0)) ||
+        failed("VELK_close", VELK_close(h)))
         return 1;
-    }
-    unsigned major = 0, minor = 0;
-    VELK_get_version(&major, &minor);
-    printf("velk %u.%u wrote %s: %zu bytes, file version %u\n", major, minor, path, bytes.size(),
-           version);
-    printf("  eyecatcher \"%.8s\", format revision %u, section count %u\n",
-           (const char*)bytes.data(), *(const uint32_t*)&bytes[8], *(const uint32_t*)&bytes[12]);
-
-    __VELK_sample_file_section_vk6 slot;
-    for (unsigned i = 0; i < 20 && 16 + (i + 1) * sizeof(slot) <= bytes.size(); ++i) {
-        memcpy(&slot, &bytes[16 + i * sizeof(slot)], sizeof(slot));
-        if (slot.length != 0)
-            print_slot("section table", i, slot);
-    }
-    memcpy(&slot, &bytes[16], sizeof(slot));
-    const unsigned long long global = slot.file_offset;
-    for (unsigned i = 0; i < 12 && global + (i + 1) * sizeof(slot) <= bytes.size(); ++i) {
-        memcpy(&slot, &bytes[global + i * sizeof(slot)], sizeof(slot));
-        if (slot.length != 0) {
-            print_slot("global table", i, slot);
-            if (slot.section_id == 35 && slot.file_offset + 72 <= bytes.size())
-                printf("    private use: %u.%u \"%s\"\n",
-                       *(const uint32_t*)&bytes[slot.file_offset],
-                       *(const uint32_t*)&bytes[slot.file_offset + 4],
-                       (const char*)&bytes[slot.file_offset + 8]);
-        }
-    }
-    return 0;
+    return dump(path);
 }
 
 }  // namespace
@@ -115,5 +329,7 @@ int main(int argc, char** argv)
 {
     if (argc == 3 && strcmp(argv[1], "demo") == 0)
         return demo(argv[2]);
+    if (argc == 3 && strcmp(argv[1], "dump") == 0)
+        return dump(argv[2]);
     return usage();
 }

@@ -1,6 +1,8 @@
-// Closing a session: the final assembly of what waited in the stores, then
-// the release of windows, stores and the file. An abort does the release
-// only.
+// Closing a session: the final assembly of what waited in the stores and in
+// the session, then the release of windows, stores, streams and the file. An
+// abort does the release only.
+#include <stdlib.h>
+
 #include "velk_class.h"
 
 unsigned int velk_class::VELK_closedown()
@@ -27,7 +29,56 @@ unsigned int velk_class::helper_close_assemble_final_file()
     unsigned int wrote = 0;
     // The strings go first: their ids were issued against this position.
     RETURN_IF_FAILED(write_to_file_hidden_string_section(&wrote));
+    RETURN_IF_FAILED(helper_check_global_sections_for_write(&wrote));
+    RETURN_IF_FAILED(helper_check_streams_for_write(&wrote));
+    if (sections_ptr->sfs_legacy_header_ex.length == 0) {
+        wrote = 1;
+        RETURN_IF_FAILED(helper_write_sample_file_header_ex());
+    }
+    if (wrote)
+        RETURN_IF_FAILED(utility_debug_human_readable());
     VELK_TRACE_EXIT("helper_close_assemble_final_file");
+    return 0;
+}
+
+unsigned int velk_class::helper_check_global_sections_for_write(unsigned int* wrote)
+{
+    VELK_TRACE_ENTER("helper_check_global_sections_for_write");
+    velk_section_block* s = sections_ptr;
+    if (s->application_set == 1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_ruma_sysinfo_and_velk_application());
+    }
+    if (s->host_set == 1 || s->os_set == 1) {
+        *wrote = 1;
+        if (s->host_set)
+            RETURN_IF_FAILED(write_to_file_velk_host());
+        if (s->os_set)
+            RETURN_IF_FAILED(write_to_file_velk_os());
+        if (s->sfs_legacy_software_config.length == 0)
+            RETURN_IF_FAILED(write_to_file_legacy_software_section());
+    }
+    if (s->version_set == 1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_velk_version_info());
+    }
+    VELK_TRACE_EXIT("helper_check_global_sections_for_write");
+    return 0;
+}
+
+unsigned int velk_class::helper_check_streams_for_write(unsigned int* wrote)
+{
+    VELK_TRACE_ENTER("helper_check_streams_for_write");
+    for (int n = 0; n < stream_count; ++n) {
+        __VELK_stream_struct* node = nullptr;
+        RETURN_IF_FAILED(utility_point_to_stream_index((unsigned int)n, &node));
+        if (node->stream_info_set == 1) {
+            *wrote = 1;
+            RETURN_IF_FAILED(write_to_file_velk_stream_info((unsigned int)n));
+        }
+    }
+    LOGIT_A(VELK_MASK_TRACE, "<velk %u::helper_check_streams_for_write>exiting with value %d\n",
+            instance, 0);
     return 0;
 }
 
@@ -38,8 +89,51 @@ unsigned int velk_class::helper_close_unmap_all()
     RETURN_IF_FAILED(pid_map.Unmap_File());
     RETURN_IF_FAILED(tid_map.Unmap_File());
     RETURN_IF_FAILED(helper_unmap_strings());
+    for (__VELK_stream_struct* node = stream_list; node != nullptr; node = node->next) {
+        RETURN_IF_FAILED(node->data_map.Unmap_File());
+        free(node->event_buffer);
+        node->event_buffer = nullptr;
+    }
     VELK_TRACE_EXIT("helper_close_unmap_all");
     return 0;
+}
+
+unsigned int velk_class::helper_close_abort_streams(unsigned int stream, unsigned int previous)
+{
+    if (stream_count == 0)
+        return 0;
+    __VELK_stream_struct* node = nullptr;
+    __VELK_stream_struct* before = nullptr;
+    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
+    RETURN_IF_FAILED(utility_point_to_stream_index(previous, &before));
+    before->next = node->next;
+
+    // The stores' statuses don't matter here: the stream goes either way.
+    node->data_store->Close_Temp_File();
+    node->legacy_event_store->Close_Temp_File();
+    node->new_event_store->Close_Temp_File();
+    node->user_defined_store->Close_Temp_File();
+    helper_free_stream_node(node);
+    LOG_MEMORY_FREE("helper_close_abort_streams", sizeof(__VELK_stream_struct));
+    stream_count -= 1;
+    return 0;
+}
+
+void velk_class::helper_free_stream_node(__VELK_stream_struct* node)
+{
+    delete node->data_store;
+    delete node->legacy_event_store;
+    delete node->new_event_store;
+    delete node->user_defined_store;
+    free(node->desc_buffer);
+    velk_list_head* head = node->desc_list;
+    for (velk_list_head* entry = head->next; entry != head;) {
+        velk_list_head* next = entry->next;
+        delete entry;
+        entry = next;
+    }
+    delete head;
+    free(node);
 }
 
 unsigned int velk_class::helper_close_do_final_cleanup()
@@ -57,7 +151,13 @@ unsigned int velk_class::helper_close_do_final_cleanup()
     for (FILE_INFO_NODE* store : stores)
         RETURN_IF_FAILED(store->Close_Temp_File());
 
+    // Streams go from the last to the first; the last one left is unlinked
+    // from itself.
+    for (int n = stream_count - 1; n > 0; --n)
+        RETURN_IF_FAILED(helper_close_abort_streams((unsigned int)n, (unsigned int)n - 1));
+    RETURN_IF_FAILED(helper_close_abort_streams(0, 0));
     stream_list = nullptr;
+
     // The handle keeps its value: the session's file is closed, not forgotten.
     if (file_handle != -1)
         RETURN_IF_FAILED(VELK_OSI_Close_Handle(file_handle, 0));

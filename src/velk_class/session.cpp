@@ -20,6 +20,11 @@ const char* temp_directory()
     return dir;
 }
 
+// The newest file this library reads: version 2.x in a version 7 file,
+// format revision 27 in older ones.
+const unsigned int kMaxVersionMajor = 2;
+const unsigned int kMaxVersionRevision = 27;
+
 velk_list_head* new_list_head()
 {
     velk_list_head* head = new velk_list_head;
@@ -130,6 +135,14 @@ void velk_class::do_destroy()
     }
     free(s->global_desc_buffer);
     delete strings_store;
+    // Streams are released by the close; a session whose opening failed
+    // still holds the ones its analysis made. Only their memory goes here:
+    // no file is touched.
+    while (stream_list != nullptr) {
+        __VELK_stream_struct* next = stream_list->next;
+        helper_free_stream_node(stream_list);
+        stream_list = next;
+    }
 }
 
 unsigned int velk_class::VELK_initialize_me(const wchar_t* file_name, unsigned int mode)
@@ -201,21 +214,25 @@ unsigned int velk_class::helper_init_open_final_file_and_analyze_it(const wchar_
             LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_verify>eyecatcher is not valid!\n", instance);
             return VELK_E_BAD_FILE;
         }
-        // The beginning with its section table must be there in full.
-        const unsigned long long beginning =
-            vk_file_version == 5 ? VELK_BEGINNING_SIZE_V5 : VELK_BEGINNING_SIZE_V67;
-        if (VELK_OSI_Get_File_Size(file_handle) < beginning) {
+        RETURN_IF_FAILED(helper_init_fillin_SampleFileSection_info_from_file());
+        RETURN_IF_FAILED(helper_init_which_sections_present());
+
+        // A file without version info, as a writer that died leaves it, is
+        // refused here.
+        __VELK_version_info info;
+        memset(&info, 0, sizeof(info));
+        RETURN_IF_FAILED(VELK_reading_section(VELK_SECTION_VERSION_INFO));
+        RETURN_IF_FAILED(VELK_get_version_info(sizeof(info), &info, nullptr));
+        RETURN_IF_FAILED(VELK_done_section(VELK_SECTION_VERSION_INFO));
+        const bool too_new = vk_file_version >= 7 ? info.version_major > kMaxVersionMajor
+                                                  : info.version_revision > kMaxVersionRevision;
+        if (too_new) {
             LOGIT_A(VELK_MASK_FAILURE,
-                    "<velk %u::helper_init_open_final_file_and_analyze_it>file is shorter than its "
-                    "section table!\n",
-                    instance);
-            return VELK_E_BAD_FILE;
+                    "<velk %u::helper_init_open_final_file_and_analyze_it>file version %u.%u "
+                    "revision %u is newer than this library!\n",
+                    instance, info.version_major, info.version_minor, info.version_revision);
+            return VELK_E_VERSION_MISMATCH;
         }
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::helper_init_open_final_file_and_analyze_it>reading the tables of an "
-                "existing file is not supported by this build!\n",
-                instance);
-        return VELK_E_UNSUPPORTED;
     }
 
     string_base = VELK_OSI_Get_File_Size(file_handle);

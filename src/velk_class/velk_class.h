@@ -445,6 +445,8 @@ public:
     unsigned int helper_close_do_final_cleanup();
     unsigned int helper_close_unmap_all();
     unsigned int helper_close_abort_streams(unsigned int stream, unsigned int previous);
+    // Frees a stream node with its stores' objects and descriptor list.
+    static void helper_free_stream_node(__VELK_stream_struct* node);
 
     // Debug report and private section.
     unsigned int utility_debug_human_readable();

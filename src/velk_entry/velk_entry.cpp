@@ -235,4 +235,94 @@ VELK_API unsigned VELK_exists_stream_section(velk_handle* handle, unsigned strea
     VELK_FORWARD(handle, VELK_exists_stream_section(stream, kind, exists));
 }
 
+VELK_API unsigned VELK_get_host(velk_handle* handle, unsigned size, __VELK_host* host, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_host(size, host, size_out));
+}
+
+VELK_API unsigned VELK_set_host(velk_handle* handle, __VELK_host* host)
+{
+    VELK_FORWARD(handle, VELK_set_host(host));
+}
+
+VELK_API unsigned VELK_get_os(velk_handle* handle, unsigned size, __VELK_os* os, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_os(size, os, size_out));
+}
+
+VELK_API unsigned VELK_set_os(velk_handle* handle, unsigned count, __VELK_os* os)
+{
+    VELK_FORWARD(handle, VELK_set_os(count, os));
+}
+
+VELK_API unsigned VELK_get_application(velk_handle* handle, unsigned size, __VELK_application* application, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_application(size, application, size_out));
+}
+
+VELK_API unsigned VELK_set_application(velk_handle* handle, __VELK_application* application)
+{
+    VELK_FORWARD(handle, VELK_set_application(application));
+}
+
+VELK_API unsigned VELK_get_version_info(velk_handle* handle, unsigned size, __VELK_version_info* info, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_version_info(size, info, size_out));
+}
+
+VELK_API unsigned VELK_set_version_info(velk_handle* handle, __VELK_version_info* info)
+{
+    VELK_FORWARD(handle, VELK_set_version_info(info));
+}
+
+VELK_API unsigned VELK_set_stream_info(velk_handle* handle, unsigned stream, __VELK_stream_info* info)
+{
+    VELK_FORWARD(handle, VELK_set_stream_info(stream, info));
+}
+
+VELK_API unsigned VELK_get_stream_info(velk_handle* handle, unsigned stream, unsigned size, __VELK_stream_info* info, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_stream_info(stream, size, info, size_out));
+}
+
+VELK_API unsigned VELK_set_user_info(velk_handle* handle, unsigned stream, __VELK_user_info* info)
+{
+    VELK_FORWARD(handle, VELK_set_user_info(stream, info));
+}
+
+VELK_API unsigned VELK_get_user_info(velk_handle* handle, unsigned stream, unsigned size, __VELK_user_info* info, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_user_info(stream, size, info, size_out));
+}
+
+VELK_API unsigned VELK_set_lbr_info(velk_handle* handle, unsigned stream, VELK_LBR_FILTER info)
+{
+    VELK_FORWARD(handle, VELK_set_lbr_info(stream, info));
+}
+
+VELK_API unsigned VELK_get_lbr_info(velk_handle* handle, unsigned stream, VELK_LBR_FILTER* info)
+{
+    VELK_FORWARD(handle, VELK_get_lbr_info(stream, info));
+}
+
+VELK_API unsigned VELK_set_lbr_filter_info(velk_handle* handle, unsigned stream, unsigned filter)
+{
+    VELK_FORWARD(handle, VELK_set_lbr_filter_info(stream, filter));
+}
+
+VELK_API unsigned VELK_get_lbr_filter_info(velk_handle* handle, unsigned stream, unsigned size, char* text)
+{
+    VELK_FORWARD(handle, VELK_get_lbr_filter_info(stream, size, text));
+}
+
+VELK_API unsigned VELK_set_uncore_info(velk_handle* handle, unsigned stream, unsigned short first, unsigned short second)
+{
+    VELK_FORWARD(handle, VELK_set_uncore_info(stream, first, second));
+}
+
+VELK_API unsigned VELK_get_uncore_info(velk_handle* handle, unsigned stream, unsigned short* first, unsigned short* second)
+{
+    VELK_FORWARD(handle, VELK_get_uncore_info(stream, first, second));
+}
+
 }  // extern "C"
