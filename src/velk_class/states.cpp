@@ -83,71 +83,72 @@ unsigned int velk_class::helper_set_stream_section_state(unsigned int stream, un
     return 0;
 }
 
-unsigned int velk_class::VELK_reading_section(unsigned int id)
+namespace {
+
+// The three global and the three stream section calls differ only in the
+// state they ask for and the name in their trace lines.
+// `access` names what the session must be allowed to do, or is null.
+unsigned int traced_section_state(velk_class* s, const char* name, unsigned int id,
+                                  unsigned int state, const char* access = nullptr,
+                                  bool permitted = true)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_reading_section>entering, section # %u\n", instance, id);
-    if (!may_read()) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_reading_section>don't have permission to read the file!\n", instance);
+    LOGIT_A(VELK_MASK_TRACE, "<velk %u::%s>entering, section # %u\n", s->instance, name, id);
+    if (access != nullptr && !permitted) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>don't have permission to %s the file!\n",
+                s->instance, name, access);
         return VELK_E_NO_PERMISSION;
     }
-    const unsigned int status = helper_set_section_state(id, VELK_STATE_READING);
+    const unsigned int status = s->helper_set_section_state(id, state);
     if (status == 0)
-        VELK_TRACE_EXIT("VELK_reading_section");
+        LOGIT_A(VELK_MASK_TRACE, "<velk %u::%s>exiting\n", s->instance, name);
     return status;
+}
+
+unsigned int traced_stream_section_state(velk_class* s, const char* name, unsigned int stream,
+                                         unsigned int id, unsigned int state)
+{
+    LOGIT_A(VELK_MASK_TRACE, "<velk %u::%s>entering, stream # %u\n", s->instance, name, stream);
+    const unsigned int status = s->helper_set_stream_section_state(stream, id, state);
+    if (status == 0)
+        LOGIT_A(VELK_MASK_TRACE, "<velk %u::%s>exiting\n", s->instance, name);
+    return status;
+}
+
+}  // namespace
+
+unsigned int velk_class::VELK_reading_section(unsigned int id)
+{
+    return traced_section_state(this, "VELK_reading_section", id, VELK_STATE_READING, "read",
+                                may_read());
 }
 
 unsigned int velk_class::VELK_writing_section(unsigned int id)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_writing_section>entering, section # %u\n", instance, id);
-    if (!may_write()) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_writing_section>don't have permission to write the file!\n", instance);
-        return VELK_E_NO_PERMISSION;
-    }
-    const unsigned int status = helper_set_section_state(id, VELK_STATE_WRITING);
-    if (status == 0)
-        VELK_TRACE_EXIT("VELK_writing_section");
-    return status;
+    return traced_section_state(this, "VELK_writing_section", id, VELK_STATE_WRITING, "write",
+                                may_write());
 }
 
 unsigned int velk_class::VELK_done_section(unsigned int id)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_done_section>entering, section # %u\n", instance, id);
-    const unsigned int status = helper_set_section_state(id, VELK_STATE_EXISTS);
-    if (status == 0)
-        VELK_TRACE_EXIT("VELK_done_section");
-    return status;
+    return traced_section_state(this, "VELK_done_section", id, VELK_STATE_EXISTS);
 }
 
 unsigned int velk_class::VELK_reading_stream_section(unsigned int stream, unsigned int id)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_reading_stream_section>entering, stream # %u\n",
-            instance, stream);
-    const unsigned int status = helper_set_stream_section_state(stream, id, VELK_STATE_READING);
-    if (status == 0)
-        VELK_TRACE_EXIT("VELK_reading_stream_section");
-    return status;
+    return traced_stream_section_state(this, "VELK_reading_stream_section", stream, id,
+                                       VELK_STATE_READING);
 }
 
 unsigned int velk_class::VELK_writing_stream_section(unsigned int stream, unsigned int id)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_writing_stream_section>entering, stream # %u\n",
-            instance, stream);
-    const unsigned int status = helper_set_stream_section_state(stream, id, VELK_STATE_WRITING);
-    if (status == 0)
-        VELK_TRACE_EXIT("VELK_writing_stream_section");
-    return status;
+    return traced_stream_section_state(this, "VELK_writing_stream_section", stream, id,
+                                       VELK_STATE_WRITING);
 }
 
 unsigned int velk_class::VELK_done_stream_section(unsigned int stream, unsigned int id)
 {
-    LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_done_stream_section>entering, stream # %u\n",
-            instance, stream);
-    const unsigned int status = helper_set_stream_section_state(stream, id, VELK_STATE_EXISTS);
-    if (status == 0)
-        VELK_TRACE_EXIT("VELK_done_stream_section");
-    return status;
+    return traced_stream_section_state(this, "VELK_done_stream_section", stream, id,
+                                       VELK_STATE_EXISTS);
 }
 
 unsigned int velk_class::VELK_reading_stream(unsigned int stream)

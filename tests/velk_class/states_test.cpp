@@ -81,6 +81,19 @@ TEST_F(StatesTest, UseCountsAndTheVersion5Coupling)
         EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_PROCESS));
         EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
     }
+    LogCapture log(0x80001000u);
+    s_.access_mode = VELK_ACCESS_WRITE;
+    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
+    s_.access_mode = VELK_ACCESS_READ;
+    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_writing_section(VELK_SECTION_SYSTEM));
+    s_.access_mode = VELK_ACCESS_READ | VELK_ACCESS_WRITE;
+    EXPECT_EQ((std::vector<std::string>{
+                  "<velk " + std::to_string(s_.instance) +
+                      "::VELK_reading_section>don't have permission to read the file!\n",
+                  "<velk " + std::to_string(s_.instance) +
+                      "::VELK_writing_section>don't have permission to write the file!\n"}),
+              log.lines());
+
     // The repeat's failure is returned; the process section keeps its state.
     s_.vk_file_version = 5;
     s_.sections_ptr->section_state[VELK_SECTION_THREAD] = 0;
