@@ -81,7 +81,7 @@ TEST_F(StatesTest, UseCountsAndTheVersion5Coupling)
         EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_PROCESS));
         EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
     }
-    LogCapture log(0x80001000u);
+    LogCapture log(0x80000000u);
     s_.access_mode = VELK_ACCESS_WRITE;
     EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
     s_.access_mode = VELK_ACCESS_READ;
