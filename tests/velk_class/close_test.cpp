@@ -115,6 +115,9 @@ TEST_F(CloseTest, WhatIsSetIsWhatTheNextSessionReads)
     ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
     EXPECT_EQ(VELK_E_BAD_FILE, VELK_verify(h));
     EXPECT_EQ(0u, VELK_close(h));
+    ASSERT_EQ(0u, VELK_open(&h, widen(path("w")).c_str(), VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+    EXPECT_EQ(VELK_E_NO_PERMISSION, VELK_verify(h));
+    EXPECT_EQ(0u, VELK_close(h));
 }
 
 TEST_F(CloseTest, VersionTestAtOpen)
