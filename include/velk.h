@@ -340,6 +340,16 @@ VELK_API unsigned VELK_get_version_info(velk_handle* handle, unsigned size,
                                         __VELK_version_info* info, unsigned* size_out);
 VELK_API unsigned VELK_set_version_info(velk_handle* handle, __VELK_version_info* info);
 
+/* Opaque blocks of the caller's own, one for the file and one per stream.
+ * Several sets append to the block. */
+VELK_API unsigned VELK_get_user_defined_global(velk_handle* handle, unsigned size, void* data,
+                                               unsigned* size_out);
+VELK_API unsigned VELK_set_user_defined_global(velk_handle* handle, unsigned size, void* data);
+VELK_API unsigned VELK_get_user_defined_stream(velk_handle* handle, unsigned stream, unsigned size,
+                                               void* data, unsigned* size_out);
+VELK_API unsigned VELK_set_user_defined_stream(velk_handle* handle, unsigned stream, unsigned size,
+                                               void* data);
+
 /* Stream information. */
 VELK_API unsigned VELK_set_stream_info(velk_handle* handle, unsigned stream,
                                        __VELK_stream_info* info);

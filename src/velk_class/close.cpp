@@ -45,6 +45,10 @@ unsigned int velk_class::helper_check_global_sections_for_write(unsigned int* wr
 {
     VELK_TRACE_ENTER("helper_check_global_sections_for_write");
     velk_section_block* s = sections_ptr;
+    if (s->usr_defined_global_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_user_defined_global());
+    }
     if (s->application_set == 1) {
         *wrote = 1;
         RETURN_IF_FAILED(write_to_file_ruma_sysinfo_and_velk_application());
@@ -75,6 +79,10 @@ unsigned int velk_class::helper_check_streams_for_write(unsigned int* wrote)
         if (node->stream_info_set == 1) {
             *wrote = 1;
             RETURN_IF_FAILED(write_to_file_velk_stream_info((unsigned int)n));
+        }
+        if (node->user_defined_store->handle != -1) {
+            *wrote = 1;
+            RETURN_IF_FAILED(write_to_file_user_defined_stream((unsigned int)n));
         }
     }
     LOGIT_A(VELK_MASK_TRACE, "<velk %u::helper_check_streams_for_write>exiting with value %d\n",

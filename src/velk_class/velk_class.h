@@ -433,6 +433,16 @@ public:
                                       unsigned short* second);
     unsigned int write_to_file_velk_stream_info(unsigned int stream);
 
+    // User-defined blocks.
+    unsigned int VELK_set_user_defined_global(unsigned int size, void* data);
+    unsigned int VELK_get_user_defined_global(unsigned int size, void* data,
+                                              unsigned int* size_out);
+    unsigned int VELK_set_user_defined_stream(unsigned int stream, unsigned int size, void* data);
+    unsigned int VELK_get_user_defined_stream(unsigned int stream, unsigned int size, void* data,
+                                              unsigned int* size_out);
+    unsigned int write_to_file_user_defined_global();
+    unsigned int write_to_file_user_defined_stream(unsigned int stream);
+
     // Legacy header ex.
     unsigned int helper_write_sample_file_header_ex();
 

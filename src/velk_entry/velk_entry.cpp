@@ -325,4 +325,27 @@ VELK_API unsigned VELK_get_uncore_info(velk_handle* handle, unsigned stream, uns
     VELK_FORWARD(handle, VELK_get_uncore_info(stream, first, second));
 }
 
+VELK_API unsigned VELK_get_user_defined_global(velk_handle* handle, unsigned size, void* data,
+                                               unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_user_defined_global(size, data, size_out));
+}
+
+VELK_API unsigned VELK_set_user_defined_global(velk_handle* handle, unsigned size, void* data)
+{
+    VELK_FORWARD(handle, VELK_set_user_defined_global(size, data));
+}
+
+VELK_API unsigned VELK_get_user_defined_stream(velk_handle* handle, unsigned stream, unsigned size,
+                                               void* data, unsigned* size_out)
+{
+    VELK_FORWARD(handle, VELK_get_user_defined_stream(stream, size, data, size_out));
+}
+
+VELK_API unsigned VELK_set_user_defined_stream(velk_handle* handle, unsigned stream, unsigned size,
+                                               void* data)
+{
+    VELK_FORWARD(handle, VELK_set_user_defined_stream(stream, size, data));
+}
+
 }  // extern "C"
