@@ -114,6 +114,12 @@ TEST_F(TablesTest, LegacyFilesReadThroughTranslationAndKeepTheirForm)
         EXPECT_EQ(5u, os.os_word_2);
         EXPECT_EQ("6.1", text_of(h, os.os_text_2));
         EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_CONFIGURATION));
+        __VELK_version_info v;
+        ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_VERSION_INFO));
+        ASSERT_EQ(0u, VELK_get_version_info(h, sizeof(v), &v, nullptr));
+        EXPECT_EQ(16u, v.version_size);
+        EXPECT_EQ(2u, v.version_major);  // the header ex's first word
+        EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_VERSION_INFO));
         EXPECT_EQ(0u, VELK_close(h));
         EXPECT_EQ(image.b, read_file(name));
 
@@ -203,45 +209,51 @@ TEST_F(TablesTest, StreamsChainThroughTheirTables)
 
 TEST_F(TablesTest, DamagedTablesAreRefused)
 {
-    // A sound version 6 file with a global table and one stream table.
-    Image good;
-    good.put(0, "Sample6 ", 8);
-    good.put32(8, 27);
-    good.put32(12, 20);
-    good.slot(16, 40, 460, 816, 1, 460, KIND_LEGACY_HEADER_EX);
-    good.slot(56, 40, 512, 1280, 1, 512, KIND_GLOBAL_OFFSET);
-    good.slot(1280, 40, 320, 1792, 1, 320, KIND_STREAM_OFFSET);
-    good.put(1792 + 319, "", 1);
-    struct Case {
-        const char* what;
-        size_t at;
-        uint64_t value;
-        size_t cut;  // 0: keep the whole file
-        unsigned status;
-    } cases[] = {
-        {"sound", 0, 0, 0, 0},
-        {"wrong eyecatcher", 0, 0x2038656c706d6153ULL /* "Sample8 " */, 0, VELK_E_BAD_FILE},
-        {"section count 21", 12, 21, 0, VELK_E_BAD_FILE},
-        {"cut inside the section table", 0, 0, 500, VELK_E_BAD_FILE},
-        {"cut inside the global table", 0, 0, 1500, VELK_E_MAP_FAILED},
-        {"header ex past the end", 24, 5000, 0, VELK_E_MAP_FAILED},
-        {"stream table past the end", 1288, 1ULL << 40, 0, VELK_E_MAP_FAILED},
-        {"stream table names itself", 1792 + 8, 1792, 0, VELK_E_BAD_FILE},
-    };
-    for (const Case& c : cases) {
-        Image bad = good;
-        if (c.at != 0 || c.value != 0)
-            bad.put(c.at, &c.value, c.at == 12 ? 4 : 8);
-        if (std::string(c.what) == "stream table names itself")
-            bad.slot(1792, 40, 320, 1792, 1, 320, KIND_STREAM_OFFSET);
-        if (c.cut != 0)
-            bad.b.resize(c.cut);
-        write_file(path("damaged"), bad.b);
-        velk_handle* h = nullptr;
-        const unsigned status = VELK_open(&h, widen(path("damaged")).c_str(), VELK_OPEN_READ);
-        EXPECT_EQ(c.status, status) << c.what;
-        if (status == 0) {
-            EXPECT_EQ(0u, VELK_close(h));
+    for (unsigned version : {5u, 6u, 7u}) {
+        // A sound file with a header ex, a global table and one stream table.
+        const unsigned entry = version == 5 ? 20 : 40, slot = version == 5 ? 32 : 40;
+        const size_t begin = version == 5 ? 416 : 816, global = begin + 464, stream = global + 512;
+        const size_t table = version == 5 ? 256 : 320;
+        Image good;
+        good.put(0, version == 5 ? "SampleF " : version == 6 ? "Sample6 " : "Sample7 ", 8);
+        good.put32(8, 27);
+        good.put32(12, 20);
+        good.slot(16, entry, 460, begin, 1, 460, KIND_LEGACY_HEADER_EX);
+        good.slot(16 + entry, entry, 512, global, 1, 512, KIND_GLOBAL_OFFSET);
+        good.slot(global, slot, table, stream, 1, table, KIND_STREAM_OFFSET);
+        good.put(stream + table - 1, "", 1);
+        const uint32_t far = 0x7FFFFFF0u;
+        struct Case {
+            const char* what;
+            size_t at;        // where `value` goes; 0: nowhere
+            uint32_t value;
+            size_t cut;       // 0: keep the whole file
+            unsigned status;
+        } cases[] = {
+            {"sound", 0, 0, 0, 0},
+            {"wrong eyecatcher", 6, 0x2020'2038u, 0, VELK_E_BAD_FILE},
+            {"section count 21", 12, 21, 0, VELK_E_BAD_FILE},
+            {"cut inside the section table", 0, 0, begin - 10, VELK_E_BAD_FILE},
+            {"cut inside the global table", 0, 0, global + 100, VELK_E_MAP_FAILED},
+            {"header ex past the end", size_t(version == 5 ? 20 : 24), far, 0, VELK_E_MAP_FAILED},
+            {"stream table past the end", global + 8, far, 0, VELK_E_MAP_FAILED},
+            {"stream table names itself", 0, 0, 0, VELK_E_BAD_FILE},
+        };
+        for (const Case& c : cases) {
+            Image bad = good;
+            if (c.at != 0)
+                bad.put32(c.at, c.value);
+            if (std::string(c.what) == "stream table names itself")
+                bad.slot(stream, slot, table, stream, 1, table, KIND_STREAM_OFFSET);
+            if (c.cut != 0)
+                bad.b.resize(c.cut);
+            write_file(path("damaged"), bad.b);
+            velk_handle* h = nullptr;
+            const unsigned status = VELK_open(&h, widen(path("damaged")).c_str(), VELK_OPEN_READ);
+            EXPECT_EQ(c.status, status) << version << ": " << c.what;
+            if (status == 0) {
+                EXPECT_EQ(0u, VELK_close(h));
+            }
         }
     }
 }
