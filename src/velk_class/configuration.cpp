@@ -57,15 +57,6 @@ void put_word(unsigned char* data, unsigned int offset, uint32_t value)
     memcpy(data + offset, &value, sizeof(value));
 }
 
-// Unmaps a one-time window. A failure that came first wins over the unmap's.
-unsigned int finish_map(__VELK_mmap_tracker* map, unsigned int status)
-{
-    const unsigned int unmapped = map->Unmap_File();
-    if (unmapped != 0)
-        LOG_FAILED_STATUS(unmapped);
-    return status != 0 ? status : unmapped;
-}
-
 // A section read from the file may be shorter than the record taken from it.
 unsigned int check_room(const velk_class* s, const char* function,
                         const __VELK_mmap_tracker& map, unsigned long long needed)
@@ -161,7 +152,7 @@ unsigned int look_at(velk_class* s, const __VELK_sample_file_section_vk6& sfs,
         if (status != 0)
             LOG_FAILED_STATUS(status);
     }
-    return finish_map(&map, status);
+    return velk_class::helper_unmap_keeping_first(&map, status);
 }
 
 // The host taken from the file: the new-form record as it stands, or the

@@ -204,6 +204,7 @@ unsigned int velk_class::VELK_get_stream_info(unsigned int stream, unsigned int 
     }
 
     __VELK_mmap_tracker map;
+    memset(&map, 0, sizeof(map));
     unsigned int status = 0;
     if (own.length != 0) {
         // The stream's own section, read anew at each call.
@@ -270,12 +271,7 @@ unsigned int velk_class::VELK_get_stream_info(unsigned int stream, unsigned int 
 
     // The one-time window goes in any case; its failure counts only when
     // nothing failed before.
-    const unsigned int unmapped = map.m_data != nullptr ? map.Unmap_File() : 0;
-    if (unmapped != 0) {
-        LOG_FAILED_STATUS(unmapped);
-        if (status == 0)
-            status = unmapped;
-    }
+    status = helper_unmap_keeping_first(&map, status);
     if (status == 0)
         VELK_TRACE_EXIT("VELK_get_stream_info");
     return status;

@@ -148,6 +148,14 @@ unsigned int velk_class::helper_map_small_section(__VELK_mmap_tracker* map,
     return 0;
 }
 
+unsigned int velk_class::helper_unmap_keeping_first(__VELK_mmap_tracker* map, unsigned int status)
+{
+    const unsigned int unmapped = map->Unmap_File();
+    if (unmapped != 0)
+        LOG_FAILED_STATUS(unmapped);
+    return status != 0 ? status : unmapped;
+}
+
 // Reads slot `slot` of a mapped table into a descriptor, converting the
 // version 5 forms.
 static void read_slot(const __VELK_mmap_tracker& map, unsigned int slot, unsigned int version,
@@ -179,8 +187,6 @@ unsigned int velk_class::helper_init_fillin_SampleFileSection_info_from_file()
     VELK_TRACE_ENTER("helper_init_fillin_SampleFileSection_info_from_file");
     const unsigned int beginning =
         vk_file_version == 5 ? VELK_BEGINNING_SIZE_V5 : VELK_BEGINNING_SIZE_V67;
-    const unsigned int entry_size = vk_file_version == 5 ? sizeof(SampleFileSections_s)
-                                                         : sizeof(__VELK_sample_file_section_vk6);
     // The beginning with its whole table must be in the file.
     if (VELK_OSI_Get_File_Size(file_handle) < beginning) {
         LOGIT_A(VELK_MASK_FAILURE,
@@ -208,7 +214,6 @@ unsigned int velk_class::helper_init_fillin_SampleFileSection_info_from_file()
     for (unsigned int i = 0; i < section_count; ++i) {
         __VELK_sample_file_section_vk6 sfs;
         read_slot(table, i, vk_file_version, true, &sfs);
-        (void)entry_size;
         LOGIT_A(VELK_MASK_TRACE, "<velk %u>SampleFileSections array index = %u:\n", instance, i);
         log_slot(instance, "", sfs);
         const char* name = section_table_kind_name(sfs.section_id);
@@ -274,11 +279,7 @@ unsigned int velk_class::helper_init_fillin_global_samplefilesections()
                 sections_ptr->global_next_slot = i;
         }
     }
-    const unsigned int unmapped = map.Unmap_File();
-    if (status == 0 && unmapped != 0) {
-        LOG_FAILED_STATUS(unmapped);
-        status = unmapped;
-    }
+    status = helper_unmap_keeping_first(&map, status);
     if (status == 0 && sections_ptr->sfs_stream_offset.file_offset != 0) {
         status = helper_init_fillin_stream_samplefilesections();
         if (status != 0)

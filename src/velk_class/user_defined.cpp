@@ -52,10 +52,7 @@ unsigned int read_block(velk_class* s, const char* name, const __VELK_sample_fil
             memcpy(data, map.m_current, block);
         }
     }
-    const unsigned int unmapped = map.Unmap_File();
-    if (unmapped != 0)
-        LOG_FAILED_STATUS(unmapped);
-    return status != 0 ? status : unmapped;
+    return velk_class::helper_unmap_keeping_first(&map, status);
 }
 
 }  // namespace

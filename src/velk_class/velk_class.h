@@ -466,6 +466,9 @@ public:
     // window counted in bytes, for a small section read whole.
     unsigned int helper_map_small_section(__VELK_mmap_tracker* map, unsigned long long offset,
                                           unsigned long long length);
+    // Unmaps a one-time window on the way out; a failure that came first
+    // wins over the unmap's.
+    static unsigned int helper_unmap_keeping_first(__VELK_mmap_tracker* map, unsigned int status);
 
     bool may_read() const { return (access_mode & VELK_ACCESS_READ) != 0; }
     bool may_write() const { return (access_mode & VELK_ACCESS_WRITE) != 0; }
