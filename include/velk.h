@@ -282,6 +282,177 @@ typedef struct __VELK_user_info {
 
 VELK_STATIC_ASSERT(sizeof(__VELK_user_info) == 8, "user info is 8 bytes");
 
+/* ------------------------------------------------------------------------
+ * Processes, threads and modules. Written to the file as they stand here.
+ * ------------------------------------------------------------------------ */
+typedef struct __VELK_pid {
+    uint32_t pid_size;             /* 48 */
+    uint32_t pid_id;               /* operating-system process id */
+    uint32_t pid_flags;            /* bit 0 legacy flag, 0x10 64-bit time, 0x1000 of interest */
+    uint32_t osid;
+    uint64_t pid_event_when;
+    uint32_t reserved_for_legacy;  /* the record's index, filled by the library */
+    uint32_t parent_pid_index;
+    __string_or_id pid_path;
+    __string_or_id pid_name;
+} __VELK_pid;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_pid) == 48, "process record is 48 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, pid_id) == 4, "pid_id at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, pid_flags) == 8, "pid_flags at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, osid) == 12, "osid at 12");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, pid_event_when) == 16, "pid_event_when at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, reserved_for_legacy) == 24, "reserved_for_legacy at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, parent_pid_index) == 28, "parent_pid_index at 28");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, pid_path) == 32, "pid_path at 32");
+VELK_STATIC_ASSERT(offsetof(__VELK_pid, pid_name) == 40, "pid_name at 40");
+
+typedef struct __VELK_tid {
+    uint32_t tid_size;             /* 40 */
+    uint32_t tid_pid;
+    uint32_t tid_id;
+    uint32_t tid_flags;            /* bit 0 legacy flag, 0x10 64-bit time */
+    uint64_t tid_event_when;
+    uint32_t reserved_for_legacy;  /* the record's index, filled by the library */
+    uint32_t tid_osid;
+    __string_or_id tid_name;
+} __VELK_tid;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_tid) == 40, "thread record is 40 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_pid) == 4, "tid_pid at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_id) == 8, "tid_id at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_flags) == 12, "tid_flags at 12");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_event_when) == 16, "tid_event_when at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, reserved_for_legacy) == 24, "reserved_for_legacy at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_osid) == 28, "tid_osid at 28");
+VELK_STATIC_ASSERT(offsetof(__VELK_tid, tid_name) == 32, "tid_name at 32");
+
+/* module_flags bits with a meaning of their own; the others are carried. */
+#define VELK_MODULE_OF_INTEREST      0x200u
+#define VELK_MODULE_NO_LOAD_COUNT    0x4000u
+#define VELK_MODULE_HAS_LOAD_COUNT   0x8000u
+#define VELK_MODULE_64BIT_COUNTS     0x10000u
+
+/* A module record is at least 144 bytes; the file's module descriptors say
+ * how long it is (VELK_get_module_record_size). */
+typedef struct __VELK_module {
+    uint32_t module_size;
+    uint32_t osid;
+    uint32_t pid;                  /* operating-system id of the owning process */
+    uint32_t module_flags;
+    uint64_t sc_load;
+    uint32_t module_ref;
+    uint32_t segment_type;         /* bits 1..0 == 3: a 64-bit module */
+    uint32_t code_segment;
+    uint32_t reserved_36;
+    uint64_t module_length;
+    uint64_t module_load_address;
+    uint32_t sc_unload_32;         /* 0xFFFFFFFF: never unloaded */
+    uint32_t pid_index;            /* 0xFFFFFFFF when unknown */
+    uint32_t legacy_flags;
+    uint32_t parent_pid;
+    uint64_t sc_unload;            /* with VELK_MODULE_64BIT_COUNTS */
+    __string_or_id module_path;
+    __string_or_id module_name;
+    __string_or_id module_extra;   /* an optional third text */
+    uint8_t reserved_104[40];
+} __VELK_module;
+
+VELK_STATIC_ASSERT(sizeof(__VELK_module) == 144, "module record is 144 bytes");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, osid) == 4, "osid at 4");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, pid) == 8, "pid at 8");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_flags) == 12, "module_flags at 12");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, sc_load) == 16, "sc_load at 16");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_ref) == 24, "module_ref at 24");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, segment_type) == 28, "segment_type at 28");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, code_segment) == 32, "code_segment at 32");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, reserved_36) == 36, "reserved_36 at 36");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_length) == 40, "module_length at 40");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_load_address) == 48, "load address at 48");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, sc_unload_32) == 56, "sc_unload_32 at 56");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, pid_index) == 60, "pid_index at 60");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, legacy_flags) == 64, "legacy_flags at 64");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, parent_pid) == 68, "parent_pid at 68");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, sc_unload) == 72, "sc_unload at 72");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_path) == 80, "module_path at 80");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_name) == 88, "module_name at 88");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, module_extra) == 96, "module_extra at 96");
+VELK_STATIC_ASSERT(offsetof(__VELK_module, reserved_104) == 104, "reserved at 104");
+
+/* Enumeration call-backs get the rest of a window: the first record, its
+ * bytes and records to the window's end, and the caller's context. They
+ * answer 0 to stop, 1 for more, anything else to fail with that value. They
+ * are passed as a pointer to a function pointer. */
+typedef unsigned (*VELK_PROCESS_CALLBACK)(__VELK_pid* records, unsigned bytes, unsigned entries,
+                                          void* context);
+typedef unsigned (*VELK_THREAD_CALLBACK)(__VELK_tid* records, unsigned bytes, unsigned entries,
+                                         void* context);
+typedef unsigned (*VELK_MODULE_CALLBACK)(__VELK_module* records, unsigned bytes, unsigned entries,
+                                         void* context);
+
+/* The one result slot of the single-process lookup. */
+extern VELK_API __VELK_pid g_pid;
+
+/* ------------------------------------------------------------------------
+ * Data descriptors: the layout of a stream's data entries, and of the
+ * records of the global sections.
+ * ------------------------------------------------------------------------ */
+#define ST_LEGACY_SAMPLE_RECORD  1u
+#define ST_PID_RECORD            3u
+#define ST_TID_RECORD            4u
+#define ST_TIMESTAMP             7u
+#define ST_LEGACY_UNKNOWN        23u
+#define ST_GROUP_HEAD            31u
+#define ST_MODULE_RECORD         33u
+#define ST_BIND_PROCESS_INDEX    0x2002u
+#define ST_BIND_THREAD_INDEX     0x2004u
+#define ST_BIND_MODULE_INDEX     0x2008u
+#define ST_BIND_OS_INDEX         0x2027u
+
+#define VELK_DESCRIPTOR_ENTRY_SIZE 72u
+
+typedef struct __velk_samprec_desc_entry {
+    uint32_t entry_size;           /* always 72 */
+    uint32_t field_offset;
+    uint16_t field_type;
+    uint16_t field_qualifier;
+    uint32_t field_length;
+    uint64_t opaque_value;
+    uint8_t opaque_bytes[4];
+    uint32_t opaque_word;
+    __string_or_id name;           /* 0 for none */
+    uint8_t reserved[32];          /* zero in the file and for readers */
+} __velk_samprec_desc_entry;
+
+VELK_STATIC_ASSERT(sizeof(__velk_samprec_desc_entry) == 72, "descriptor entry is 72 bytes");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, field_offset) == 4, "field_offset at 4");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, field_type) == 8, "field_type at 8");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, field_qualifier) == 10, "qualifier at 10");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, field_length) == 12, "field_length at 12");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, opaque_value) == 16, "opaque_value at 16");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, opaque_bytes) == 24, "opaque_bytes at 24");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, opaque_word) == 28, "opaque_word at 28");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, name) == 32, "name at 32");
+VELK_STATIC_ASSERT(offsetof(__velk_samprec_desc_entry, reserved) == 40, "reserved at 40");
+
+/* One descriptor group: pointers to its entries, their count and the sum of
+ * their field lengths. */
+typedef struct VELK_DESCRIPTOR_NODE_S {
+    __velk_samprec_desc_entry** entries;
+    uint32_t num_entries;
+    uint32_t group_length;
+} VELK_DESCRIPTOR_NODE_S;
+
+VELK_STATIC_ASSERT(sizeof(VELK_DESCRIPTOR_NODE_S) == 16, "descriptor node is 16 bytes");
+
+typedef unsigned (*VELK_DESCRIPTOR_CALLBACK)(__velk_samprec_desc_entry* entries, unsigned bytes,
+                                             unsigned count, void* user);
+
+/* Data call-backs may store in *unconsumed how many units (bytes or entries)
+ * at the window's end they did not use; the next window starts there. */
+typedef unsigned (*VELK_DATA_CALLBACK)(void* data, unsigned long long bytes, unsigned entries,
+                                       void* user, unsigned long long* unconsumed);
+
 /* A last-branch-record filter setting, stored as given. */
 typedef uint32_t VELK_LBR_FILTER;
 
@@ -367,6 +538,60 @@ VELK_API unsigned VELK_set_uncore_info(velk_handle* handle, unsigned stream, uns
                                        unsigned short second);
 VELK_API unsigned VELK_get_uncore_info(velk_handle* handle, unsigned stream,
                                        unsigned short* first, unsigned short* second);
+
+/* Processes, threads and modules. Adds change the caller's record: texts
+ * become string ids and the library's fields are filled. */
+VELK_API unsigned VELK_add_process(velk_handle* handle, __VELK_pid* record);
+VELK_API unsigned VELK_add_thread(velk_handle* handle, __VELK_tid* record);
+VELK_API unsigned VELK_add_module(velk_handle* handle, __VELK_module* record);
+VELK_API unsigned VELK_enumerate_processes(velk_handle* handle, VELK_PROCESS_CALLBACK* callback,
+                                           void* context, unsigned long long read_start);
+VELK_API unsigned VELK_enumerate_threads(velk_handle* handle, VELK_THREAD_CALLBACK* callback,
+                                         void* context, unsigned long long read_start);
+VELK_API unsigned VELK_enumerate_modules(velk_handle* handle, VELK_MODULE_CALLBACK* callback,
+                                         void* context, unsigned long long read_start);
+/* Returns the size itself, not a status (63 for a bad handle). */
+VELK_API unsigned VELK_get_module_record_size(velk_handle* handle);
+VELK_API unsigned VELK_is_legacy_bound(velk_handle* handle, unsigned* bound);
+
+/* Data descriptors. */
+VELK_API unsigned VELK_add_data_descriptor_entry(velk_handle* handle, unsigned stream,
+                                                 __velk_samprec_desc_entry* entry);
+VELK_API unsigned VELK_add_stream_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     unsigned stream,
+                                                     __velk_samprec_desc_entry* entries,
+                                                     unsigned count);
+VELK_API unsigned VELK_add_global_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     __velk_samprec_desc_entry* entries,
+                                                     unsigned count);
+VELK_API unsigned VELK_get_global_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     __velk_samprec_desc_entry** entries,
+                                                     int* count);
+VELK_API unsigned VELK_get_stream_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     unsigned stream,
+                                                     __velk_samprec_desc_entry** entries,
+                                                     int* count);
+VELK_API unsigned VELK_enumerate_data_descriptor_entries(velk_handle* handle, unsigned stream,
+                                                         VELK_DESCRIPTOR_CALLBACK* callback,
+                                                         void* user);
+VELK_API unsigned VELK_enumerate_data_descriptors(velk_handle* handle, unsigned stream,
+                                                  VELK_DESCRIPTOR_CALLBACK* callback, void* user);
+/* The table and its pointer arrays are the caller's, freed with free(). */
+VELK_API unsigned VELK_get_data_desc_table(velk_handle* handle, unsigned stream,
+                                           VELK_DESCRIPTOR_NODE_S** table, unsigned* num_nodes);
+
+/* The data stream. */
+VELK_API unsigned VELK_get_size_of_each_data_entry(velk_handle* handle, unsigned stream,
+                                                   unsigned* size);
+VELK_API unsigned VELK_add_data(velk_handle* handle, unsigned stream, unsigned size, void* data);
+VELK_API unsigned VELK_add_data_from_file(velk_handle* handle, unsigned stream, wchar_t* path);
+VELK_API unsigned VELK_enumerate_data(velk_handle* handle, unsigned stream,
+                                      VELK_DATA_CALLBACK* callback, void* user,
+                                      unsigned long long read_start);
 
 /* Character conversion. Sizes are in/out: capacity in, needed count out
  * (bytes for UTF-8, wide characters for wchar_t, terminator included). The

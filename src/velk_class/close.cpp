@@ -66,6 +66,35 @@ unsigned int velk_class::helper_check_global_sections_for_write(unsigned int* wr
         *wrote = 1;
         RETURN_IF_FAILED(write_to_file_velk_version_info());
     }
+    if (s->global_desc_dirty == 1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_velk_global_descriptor());
+    }
+    // Each kind goes new form first, then its legacy form.
+    if (s->new_pid_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_new_pid_section());
+    }
+    if (s->legacy_pid_record_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_legacy_pid_section());
+    }
+    if (s->new_tid_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_new_tid_section());
+    }
+    if (s->legacy_tid_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_legacy_tid_section());
+    }
+    if (s->new_module_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_new_module_section());
+    }
+    if (s->legacy_module_record_store->handle != -1) {
+        *wrote = 1;
+        RETURN_IF_FAILED(write_to_file_legacy_module_section());
+    }
     VELK_TRACE_EXIT("helper_check_global_sections_for_write");
     return 0;
 }
@@ -73,9 +102,17 @@ unsigned int velk_class::helper_check_global_sections_for_write(unsigned int* wr
 unsigned int velk_class::helper_check_streams_for_write(unsigned int* wrote)
 {
     VELK_TRACE_ENTER("helper_check_streams_for_write");
+    // Once stream 0 mirrors into the legacy sample record, every later
+    // stream with data mirrors too.
+    unsigned int legacy_mirror = 0;
     for (int n = 0; n < stream_count; ++n) {
         __VELK_stream_struct* node = nullptr;
         RETURN_IF_FAILED(utility_point_to_stream_index((unsigned int)n, &node));
+        unsigned long long entry_size = 0;
+        RETURN_IF_FAILED(helper_find_size_of_data_entry((unsigned int)n, &entry_size));
+
+        if (n == 0 && created_file)
+            RETURN_IF_FAILED(helper_check_legacy_mirror(node, entry_size, &legacy_mirror, wrote));
         if (node->stream_info_set == 1) {
             *wrote = 1;
             RETURN_IF_FAILED(write_to_file_velk_stream_info((unsigned int)n));
@@ -84,9 +121,56 @@ unsigned int velk_class::helper_check_streams_for_write(unsigned int* wrote)
             *wrote = 1;
             RETURN_IF_FAILED(write_to_file_user_defined_stream((unsigned int)n));
         }
+        if (node->desc_dirty) {
+            *wrote = 1;
+            RETURN_IF_FAILED(write_to_file_data_descriptors((unsigned int)n));
+        }
+        if (node->data_store->handle != -1) {
+            *wrote = 1;
+            RETURN_IF_FAILED(helper_check_if_data_desc_exists((unsigned int)n));
+            RETURN_IF_FAILED(write_to_file_data_stream((unsigned int)n, legacy_mirror, entry_size));
+        }
     }
     LOGIT_A(VELK_MASK_TRACE, "<velk %u::helper_check_streams_for_write>exiting with value %d\n",
             instance, 0);
+    return 0;
+}
+
+unsigned int velk_class::helper_check_legacy_mirror(__VELK_stream_struct* node,
+                                                    unsigned long long entry_size,
+                                                    unsigned int* legacy_mirror,
+                                                    unsigned int* wrote)
+{
+    velk_legacy_header_fields* h = &legacy_header;
+    velk_list_head* head = node->desc_list;
+    for (velk_list_head* link = head->next; link != head; link = link->next) {
+        const __velk_samprec_desc_entry* entry = velk_desc_of(link);
+        if (entry->field_type == ST_LEGACY_SAMPLE_RECORD) {
+            h->flags |= 0x3B;
+            h->sample_offset = entry->field_offset;
+            *legacy_mirror = 1;
+        } else if (entry->field_type == ST_TIMESTAMP) {
+            h->flags |= 0x04;
+            h->timestamp_offset = entry->field_offset;
+            h->timestamp_length = entry->field_length;
+        }
+    }
+    if (!*legacy_mirror)
+        return 0;
+    if (sections_ptr->sfs_legacy_sample_record_header.length != 0) {
+        LOGIT_A(VELK_MASK_FAILURE,
+                "<velk %u::helper_check_streams_for_write>sample record header already exists when "
+                "we want to add legacy sample records!\n",
+                instance);
+        return VELK_E_BAD_ARGUMENT;
+    }
+    h->record_size = (uint32_t)entry_size;
+    if (entry_size != 0 && node->data_store->Size() > 0)
+        h->totalSampleCount = (uint32_t)(node->data_store->Size() / entry_size);
+    LOGIT_A(VELK_MASK_TRACE, "<velk %u::helper_check_streams_for_write>totalSampleCount = %d\n",
+            instance, (int)h->totalSampleCount);
+    *wrote = 1;
+    RETURN_IF_FAILED(helper_generate_sample_record_header_and_write_to_file());
     return 0;
 }
 
@@ -134,13 +218,8 @@ void velk_class::helper_free_stream_node(__VELK_stream_struct* node)
     delete node->new_event_store;
     delete node->user_defined_store;
     free(node->desc_buffer);
-    velk_list_head* head = node->desc_list;
-    for (velk_list_head* entry = head->next; entry != head;) {
-        velk_list_head* next = entry->next;
-        delete entry;
-        entry = next;
-    }
-    delete head;
+    velk_desc_list_clear(node->desc_list);
+    delete node->desc_list;
     free(node);
 }
 

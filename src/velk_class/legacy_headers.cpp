@@ -53,3 +53,8 @@ unsigned int velk_class::helper_write_sample_file_header_ex()
     VELK_TRACE_EXIT("helper_write_sample_file_header_ex");
     return 0;
 }
+
+unsigned int velk_class::helper_generate_sample_record_header_and_write_to_file()
+{
+    return VELK_E_UNSUPPORTED;
+}

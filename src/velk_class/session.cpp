@@ -33,6 +33,16 @@ velk_list_head* new_list_head()
     return head;
 }
 
+void set_builtin_descriptor(__velk_samprec_desc_entry* entry, unsigned int type,
+                            unsigned int length, const wchar_t* name)
+{
+    memset(entry, 0, sizeof(*entry));
+    entry->entry_size = VELK_DESCRIPTOR_ENTRY_SIZE;
+    entry->field_type = (uint16_t)type;
+    entry->field_length = length;
+    entry->name.text = const_cast<wchar_t*>(name);
+}
+
 }  // namespace
 
 velk_class::velk_class()
@@ -97,6 +107,11 @@ unsigned int velk_class::do_init()
     sections_ptr->legacy_module_strings_store = new FILE_INFO_NODE("legacy_module_strings.tmp");
     sections_ptr->new_module_store = new FILE_INFO_NODE("new_module.tmp");
     sections_ptr->global_desc_list = new_list_head();
+    // A version 5 file has no global descriptors; these answer for it.
+    set_builtin_descriptor(&sections_ptr->builtin_module_desc, ST_MODULE_RECORD, 144,
+                           L"ModuleRecord");
+    set_builtin_descriptor(&sections_ptr->builtin_pid_desc, ST_PID_RECORD, 48, L"PidRecord");
+    set_builtin_descriptor(&sections_ptr->builtin_tid_desc, ST_TID_RECORD, 40, L"PidRecord");
 
     stream_list = nullptr;
     stream_count = 0;
@@ -126,11 +141,7 @@ void velk_class::do_destroy()
 
     velk_list_head* head = s->global_desc_list;
     if (head != nullptr) {
-        for (velk_list_head* node = head->next; node != head;) {
-            velk_list_head* next = node->next;
-            delete node;
-            node = next;
-        }
+        velk_desc_list_clear(head);
         delete head;
     }
     free(s->global_desc_buffer);

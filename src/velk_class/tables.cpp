@@ -502,3 +502,8 @@ unsigned int velk_class::utility_add_a_new_stream(unsigned int write_to_file)
     VELK_TRACE_EXIT("utility_add_a_new_stream");
     return 0;
 }
+
+unsigned int velk_class::VELK_is_legacy_bound(unsigned int*)
+{
+    return VELK_E_UNSUPPORTED;
+}

@@ -3,7 +3,9 @@
 #ifndef VELK_CLASS_H
 #define VELK_CLASS_H
 
+#include <stddef.h>
 #include <stdint.h>
+#include <stdlib.h>
 
 #include "sampling_utils.h"
 #include "velk.h"
@@ -161,6 +163,154 @@ struct velk_list_head {
     velk_list_head* prev;
 };
 
+// One descriptor in a list: the links first, so a head's link is the node.
+struct velk_desc_node {
+    velk_list_head link;
+    __velk_samprec_desc_entry entry;
+};
+
+inline __velk_samprec_desc_entry* velk_desc_of(velk_list_head* link)
+{
+    return &reinterpret_cast<velk_desc_node*>(link)->entry;
+}
+
+// Appends a copy of all 72 bytes of `entry`; false when out of memory.
+inline bool velk_desc_list_append(velk_list_head* head, const __velk_samprec_desc_entry* entry)
+{
+    velk_desc_node* node = static_cast<velk_desc_node*>(malloc(sizeof(velk_desc_node)));
+    if (node == nullptr)
+        return false;
+    node->entry = *entry;
+    node->link.prev = head->prev;
+    node->link.next = head;
+    head->prev->next = &node->link;
+    head->prev = &node->link;
+    return true;
+}
+
+inline unsigned int velk_desc_list_count(const velk_list_head* head)
+{
+    unsigned int count = 0;
+    for (const velk_list_head* link = head->next; link != head; link = link->next)
+        ++count;
+    return count;
+}
+
+// Frees every node; the head stays, empty.
+inline void velk_desc_list_clear(velk_list_head* head)
+{
+    for (velk_list_head* link = head->next; link != head;) {
+        velk_list_head* next = link->next;
+        free(reinterpret_cast<velk_desc_node*>(link));
+        link = next;
+    }
+    head->next = head->prev = head;
+}
+
+// The legacy process record, 40 bytes. Its text lies behind the section's
+// records; string_offset counts from the section's start.
+struct PidRecord_s {
+    uint16_t record_size;
+    uint8_t record_flags;     // bit 0 carried, bit 3: event_time_64 is valid
+    uint8_t reserved_3;
+    uint32_t os_id;
+    uint32_t record_index;
+    uint32_t reserved_12;
+    uint32_t event_base;
+    uint32_t event_delta;
+    uint64_t event_time_64;
+    uint32_t string_offset;
+    uint16_t string_length;   // the path text with its NUL
+    uint16_t name_offset;     // where the name starts inside the path text
+};
+static_assert(sizeof(PidRecord_s) == 40, "legacy process record is 40 bytes");
+static_assert(offsetof(PidRecord_s, record_flags) == 2, "record_flags at 2");
+static_assert(offsetof(PidRecord_s, os_id) == 4, "os_id at 4");
+static_assert(offsetof(PidRecord_s, record_index) == 8, "record_index at 8");
+static_assert(offsetof(PidRecord_s, event_base) == 16, "event_base at 16");
+static_assert(offsetof(PidRecord_s, event_delta) == 20, "event_delta at 20");
+static_assert(offsetof(PidRecord_s, event_time_64) == 24, "event_time_64 at 24");
+static_assert(offsetof(PidRecord_s, string_offset) == 32, "string_offset at 32");
+static_assert(offsetof(PidRecord_s, string_length) == 36, "string_length at 36");
+static_assert(offsetof(PidRecord_s, name_offset) == 38, "name_offset at 38");
+
+// The legacy thread record, 40 bytes, without text.
+struct velk_legacy_tid_record {
+    uint16_t record_size;
+    uint8_t record_flags;
+    uint8_t reserved_3;
+    uint32_t os_id;
+    uint32_t record_index;
+    uint32_t reserved_12;
+    uint32_t event_base;
+    uint32_t event_delta;
+    uint64_t event_time_64;
+    uint32_t process_word;
+    uint32_t reserved_36;
+};
+static_assert(sizeof(velk_legacy_tid_record) == 40, "legacy thread record is 40 bytes");
+static_assert(offsetof(velk_legacy_tid_record, event_time_64) == 24, "event_time_64 at 24");
+static_assert(offsetof(velk_legacy_tid_record, process_word) == 32, "process_word at 32");
+
+// The legacy module record, 64 bytes; path and third text lie behind the
+// section's records.
+struct velk_legacy_module_record {
+    uint16_t record_size;
+    uint8_t segment_byte;     // bits 1..0 segment type, bit 2: no load count
+    uint8_t reserved_3;
+    uint16_t code_segment;
+    uint16_t extra_length;
+    uint32_t module_ref;
+    uint8_t flags_word[4];    // bytes 0 and 1 carry module flags
+    uint64_t module_length;
+    uint64_t module_load_address;
+    uint32_t process_word;
+    uint32_t event_low;
+    uint32_t event_high;
+    uint32_t string_offset;
+    uint16_t string_length;
+    uint16_t name_offset;
+    uint32_t extra_offset;
+    uint64_t sc_load_64;
+} __attribute__((packed));
+static_assert(sizeof(velk_legacy_module_record) == 64, "legacy module record is 64 bytes");
+static_assert(offsetof(velk_legacy_module_record, code_segment) == 4, "code_segment at 4");
+static_assert(offsetof(velk_legacy_module_record, extra_length) == 6, "extra_length at 6");
+static_assert(offsetof(velk_legacy_module_record, module_ref) == 8, "module_ref at 8");
+static_assert(offsetof(velk_legacy_module_record, flags_word) == 12, "flags_word at 12");
+static_assert(offsetof(velk_legacy_module_record, module_length) == 16, "module_length at 16");
+static_assert(offsetof(velk_legacy_module_record, module_load_address) == 24, "load at 24");
+static_assert(offsetof(velk_legacy_module_record, process_word) == 32, "process_word at 32");
+static_assert(offsetof(velk_legacy_module_record, event_low) == 36, "event_low at 36");
+static_assert(offsetof(velk_legacy_module_record, event_high) == 40, "event_high at 40");
+static_assert(offsetof(velk_legacy_module_record, string_offset) == 44, "string_offset at 44");
+static_assert(offsetof(velk_legacy_module_record, string_length) == 48, "string_length at 48");
+static_assert(offsetof(velk_legacy_module_record, name_offset) == 50, "name_offset at 50");
+static_assert(offsetof(velk_legacy_module_record, extra_offset) == 52, "extra_offset at 52");
+static_assert(offsetof(velk_legacy_module_record, sc_load_64) == 56, "sc_load_64 at 56");
+
+// The legacy sample record header, kind 19, 112 bytes.
+struct velk_legacy_samprec_header {
+    uint32_t totalSampleCount;
+    uint8_t flags;            // bit 0 sample part, bit 2 time stamp
+    uint8_t reserved_5[3];
+    uint32_t sample_offset;
+    uint8_t reserved_12[8];
+    uint32_t timestamp_offset;
+    uint32_t reserved_24;
+    uint32_t record_size;
+    uint32_t timestamp_length;
+    uint8_t reserved_36[12];
+    uint32_t table_slots;
+    uint8_t reserved_52[60];
+} __attribute__((packed));
+static_assert(sizeof(velk_legacy_samprec_header) == 112, "sample record header is 112 bytes");
+static_assert(offsetof(velk_legacy_samprec_header, sample_offset) == 8, "sample_offset at 8");
+static_assert(offsetof(velk_legacy_samprec_header, timestamp_offset) == 20, "timestamp at 20");
+static_assert(offsetof(velk_legacy_samprec_header, record_size) == 28, "record_size at 28");
+static_assert(offsetof(velk_legacy_samprec_header, timestamp_length) == 32, "ts length at 32");
+static_assert(offsetof(velk_legacy_samprec_header, table_slots) == 48, "table_slots at 48");
+
 // What goes into the legacy sample record header and header ex at close.
 struct velk_legacy_header_fields {
     uint32_t header_word_0;
@@ -293,6 +443,13 @@ struct velk_section_block {
 
     unsigned int section_state[8];  // one per VELK_SECTION_IDENTIFIER
     unsigned int section_users[8];
+
+    unsigned int next_global_desc_id;  // index the next global descriptor gets
+    unsigned int next_stream_desc_id;
+    // The fixed answers for the records of a version 5 file.
+    __velk_samprec_desc_entry builtin_module_desc;
+    __velk_samprec_desc_entry builtin_pid_desc;
+    __velk_samprec_desc_entry builtin_tid_desc;
 };
 
 class VELK_CLASS_API velk_class {
@@ -443,7 +600,102 @@ public:
     unsigned int write_to_file_user_defined_global();
     unsigned int write_to_file_user_defined_stream(unsigned int stream);
 
-    // Legacy header ex.
+    // Processes, threads and modules in their new form.
+    unsigned int VELK_add_process(__VELK_pid* record);
+    unsigned int VELK_add_thread(__VELK_tid* record);
+    unsigned int VELK_add_module(__VELK_module* record);
+    unsigned int VELK_enumerate_processes(VELK_PROCESS_CALLBACK* callback, void* context,
+                                          unsigned long long read_start);
+    unsigned int VELK_enumerate_threads(VELK_THREAD_CALLBACK* callback, void* context,
+                                        unsigned long long read_start);
+    unsigned int VELK_enumerate_modules(VELK_MODULE_CALLBACK* callback, void* context,
+                                        unsigned long long read_start);
+    unsigned int VELK_get_module_record_size();
+    unsigned int utility_get_one_pid(unsigned long long index, const __VELK_pid** pid);
+    unsigned int helper_get_os_pid_from_pid_index(unsigned long long index, unsigned int* os_pid);
+    unsigned int write_to_file_new_pid_section();
+    unsigned int write_to_file_new_tid_section();
+    unsigned int write_to_file_new_module_section();
+    unsigned int helper_get_pid_info_from_file();
+    unsigned int helper_get_tid_info_from_file();
+    unsigned int helper_get_module_info_from_file();
+    // Maps the window of a record section that holds `read_start`, making
+    // the new form from the legacy one first when the file has only that.
+    unsigned int helper_map_sfs(__VELK_mmap_tracker* map, __VELK_sample_file_section_vk6* sfs,
+                                __VELK_sample_file_section_vk6* legacy_sfs, FILE_INFO_NODE* store,
+                                unsigned int legacy_kind, unsigned long long read_start);
+    unsigned int helper_map_velk_pids(unsigned long long read_start);
+    unsigned int helper_map_velk_tids(unsigned long long read_start);
+    unsigned int helper_map_velk_modules(unsigned long long read_start);
+
+    // Processes, threads and modules in their legacy form.
+    unsigned int write_to_legacy_temp_file_pid(__VELK_pid* record);
+    unsigned int write_to_legacy_temp_file_tid(__VELK_tid* record);
+    unsigned int write_to_legacy_temp_file_module(__VELK_module* record);
+    unsigned int write_to_file_legacy_pid_section();
+    unsigned int write_to_file_legacy_tid_section();
+    unsigned int write_to_file_legacy_module_section();
+    unsigned int helper_update_pid_string_offsets(PidRecord_s* records, long long* handle,
+                                                  unsigned int count, char* path,
+                                                  unsigned int* next_offset);
+    unsigned int helper_update_module_string_offsets(char* records, long long* handle,
+                                                     unsigned int count, char* path,
+                                                     unsigned int* next_offset);
+    unsigned int VELK_is_legacy_bound(unsigned int* bound);
+
+    // Data descriptors.
+    unsigned int VELK_add_data_descriptor_entry(unsigned int stream,
+                                                __velk_samprec_desc_entry* entry);
+    unsigned int VELK_add_stream_section_descriptor(unsigned int section, unsigned int stream,
+                                                    __velk_samprec_desc_entry* entries,
+                                                    unsigned int count);
+    unsigned int VELK_add_global_section_descriptor(unsigned int section,
+                                                    __velk_samprec_desc_entry* entries,
+                                                    unsigned int count);
+    unsigned int VELK_get_global_section_descriptor(unsigned int section,
+                                                    __velk_samprec_desc_entry** entries,
+                                                    int* count);
+    unsigned int VELK_get_stream_section_descriptor(unsigned int section, unsigned int stream,
+                                                    __velk_samprec_desc_entry** entries,
+                                                    int* count);
+    unsigned int VELK_enumerate_data_descriptor_entries(unsigned int stream,
+                                                        VELK_DESCRIPTOR_CALLBACK* callback,
+                                                        void* user);
+    unsigned int VELK_enumerate_data_descriptors(unsigned int stream,
+                                                 VELK_DESCRIPTOR_CALLBACK* callback, void* user);
+    unsigned int VELK_get_data_desc_table(unsigned int stream, VELK_DESCRIPTOR_NODE_S** table,
+                                          unsigned int* num_nodes);
+    unsigned int helper_add_data_descriptor_entry(__velk_samprec_desc_entry* entry,
+                                                  unsigned int* id);
+    unsigned int helper_add_global_descriptor_entry(__velk_samprec_desc_entry* entry,
+                                                    unsigned int* id);
+    unsigned int helper_set_section_descriptor_id(unsigned int section, unsigned int id);
+    unsigned int helper_get_section(unsigned int section,
+                                    __VELK_sample_file_section_vk6** descriptor);
+    unsigned int helper_get_section_descriptor_id(unsigned int section, int* id);
+    unsigned int helper_get_data_descriptors_from_file(unsigned int stream);
+    unsigned int helper_get_global_data_descriptors_from_file();
+    unsigned int helper_generate_data_descriptors_from_legacy(unsigned int stream);
+    unsigned int helper_check_if_data_desc_exists(unsigned int stream);
+    unsigned int helper_copy_data_desc_into_buffer(unsigned int stream);
+    unsigned int helper_copy_global_desc_into_buffer();
+    unsigned int write_to_file_data_descriptors(unsigned int stream);
+    unsigned int write_to_file_velk_global_descriptor();
+
+    // The data stream.
+    unsigned int VELK_add_data(unsigned int stream, unsigned int size, void* data);
+    unsigned int VELK_add_data_from_file(unsigned int stream, wchar_t* path);
+    unsigned int VELK_enumerate_data(unsigned int stream, VELK_DATA_CALLBACK* callback, void* user,
+                                     unsigned long long read_start);
+    unsigned int VELK_get_size_of_each_data_entry(unsigned int stream, unsigned int* size);
+    unsigned int helper_open_temp_data_file(unsigned int stream);
+    unsigned int helper_find_size_of_data_entry(unsigned int stream, unsigned long long* size);
+    unsigned int helper_map_data(unsigned int stream, unsigned long long start);
+    unsigned int write_to_file_data_stream(unsigned int stream, unsigned int legacy_mirror,
+                                           unsigned long long entry_size);
+
+    // Legacy sample record header and header ex.
+    unsigned int helper_generate_sample_record_header_and_write_to_file();
     unsigned int helper_write_sample_file_header_ex();
 
     // Closing.
@@ -452,6 +704,12 @@ public:
     unsigned int helper_close_assemble_final_file();
     unsigned int helper_check_global_sections_for_write(unsigned int* wrote);
     unsigned int helper_check_streams_for_write(unsigned int* wrote);
+    // The legacy part of the stream walk, for stream 0 of a file this
+    // session created: takes over the sample and time stamp fields, and
+    // writes the legacy sample record header when the stream mirrors.
+    unsigned int helper_check_legacy_mirror(__VELK_stream_struct* node,
+                                            unsigned long long entry_size,
+                                            unsigned int* legacy_mirror, unsigned int* wrote);
     unsigned int helper_close_do_final_cleanup();
     unsigned int helper_close_unmap_all();
     unsigned int helper_close_abort_streams(unsigned int stream, unsigned int previous);

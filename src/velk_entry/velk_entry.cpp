@@ -348,4 +348,132 @@ VELK_API unsigned VELK_set_user_defined_stream(velk_handle* handle, unsigned str
     VELK_FORWARD(handle, VELK_set_user_defined_stream(stream, size, data));
 }
 
+VELK_API unsigned VELK_add_process(velk_handle* handle, __VELK_pid* record)
+{
+    VELK_FORWARD(handle, VELK_add_process(record));
+}
+
+VELK_API unsigned VELK_add_thread(velk_handle* handle, __VELK_tid* record)
+{
+    VELK_FORWARD(handle, VELK_add_thread(record));
+}
+
+VELK_API unsigned VELK_add_module(velk_handle* handle, __VELK_module* record)
+{
+    VELK_FORWARD(handle, VELK_add_module(record));
+}
+
+VELK_API unsigned VELK_enumerate_processes(velk_handle* handle, VELK_PROCESS_CALLBACK* callback,
+                                           void* context, unsigned long long read_start)
+{
+    VELK_FORWARD(handle, VELK_enumerate_processes(callback, context, read_start));
+}
+
+VELK_API unsigned VELK_enumerate_threads(velk_handle* handle, VELK_THREAD_CALLBACK* callback,
+                                         void* context, unsigned long long read_start)
+{
+    VELK_FORWARD(handle, VELK_enumerate_threads(callback, context, read_start));
+}
+
+VELK_API unsigned VELK_enumerate_modules(velk_handle* handle, VELK_MODULE_CALLBACK* callback,
+                                         void* context, unsigned long long read_start)
+{
+    VELK_FORWARD(handle, VELK_enumerate_modules(callback, context, read_start));
+}
+
+VELK_API unsigned VELK_get_module_record_size(velk_handle* handle)
+{
+    // A size, not a status: nothing is logged, and a bad handle gives 63.
+    if (!handle_is_live(handle))
+        return VELK_E_BAD_ARGUMENT;
+    return handle->file_object->VELK_get_module_record_size();
+}
+
+VELK_API unsigned VELK_is_legacy_bound(velk_handle* handle, unsigned* bound)
+{
+    VELK_FORWARD(handle, VELK_is_legacy_bound(bound));
+}
+
+VELK_API unsigned VELK_add_data_descriptor_entry(velk_handle* handle, unsigned stream,
+                                                 __velk_samprec_desc_entry* entry)
+{
+    VELK_FORWARD(handle, VELK_add_data_descriptor_entry(stream, entry));
+}
+
+VELK_API unsigned VELK_add_stream_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     unsigned stream,
+                                                     __velk_samprec_desc_entry* entries,
+                                                     unsigned count)
+{
+    VELK_FORWARD(handle, VELK_add_stream_section_descriptor(section, stream, entries, count));
+}
+
+VELK_API unsigned VELK_add_global_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     __velk_samprec_desc_entry* entries,
+                                                     unsigned count)
+{
+    VELK_FORWARD(handle, VELK_add_global_section_descriptor(section, entries, count));
+}
+
+VELK_API unsigned VELK_get_global_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     __velk_samprec_desc_entry** entries,
+                                                     int* count)
+{
+    VELK_FORWARD(handle, VELK_get_global_section_descriptor(section, entries, count));
+}
+
+VELK_API unsigned VELK_get_stream_section_descriptor(velk_handle* handle,
+                                                     VELK_SECTION_IDENTIFIER section,
+                                                     unsigned stream,
+                                                     __velk_samprec_desc_entry** entries,
+                                                     int* count)
+{
+    VELK_FORWARD(handle, VELK_get_stream_section_descriptor(section, stream, entries, count));
+}
+
+VELK_API unsigned VELK_enumerate_data_descriptor_entries(velk_handle* handle, unsigned stream,
+                                                         VELK_DESCRIPTOR_CALLBACK* callback,
+                                                         void* user)
+{
+    VELK_FORWARD(handle, VELK_enumerate_data_descriptor_entries(stream, callback, user));
+}
+
+VELK_API unsigned VELK_enumerate_data_descriptors(velk_handle* handle, unsigned stream,
+                                                  VELK_DESCRIPTOR_CALLBACK* callback, void* user)
+{
+    VELK_FORWARD(handle, VELK_enumerate_data_descriptors(stream, callback, user));
+}
+
+VELK_API unsigned VELK_get_data_desc_table(velk_handle* handle, unsigned stream,
+                                           VELK_DESCRIPTOR_NODE_S** table, unsigned* num_nodes)
+{
+    VELK_FORWARD(handle, VELK_get_data_desc_table(stream, table, num_nodes));
+}
+
+VELK_API unsigned VELK_get_size_of_each_data_entry(velk_handle* handle, unsigned stream,
+                                                   unsigned* size)
+{
+    VELK_FORWARD(handle, VELK_get_size_of_each_data_entry(stream, size));
+}
+
+VELK_API unsigned VELK_add_data(velk_handle* handle, unsigned stream, unsigned size, void* data)
+{
+    VELK_FORWARD(handle, VELK_add_data(stream, size, data));
+}
+
+VELK_API unsigned VELK_add_data_from_file(velk_handle* handle, unsigned stream, wchar_t* path)
+{
+    VELK_FORWARD(handle, VELK_add_data_from_file(stream, path));
+}
+
+VELK_API unsigned VELK_enumerate_data(velk_handle* handle, unsigned stream,
+                                      VELK_DATA_CALLBACK* callback, void* user,
+                                      unsigned long long read_start)
+{
+    VELK_FORWARD(handle, VELK_enumerate_data(stream, callback, user, read_start));
+}
+
 }  // extern "C"
