@@ -4,7 +4,7 @@
 JOBS ?= $(shell nproc)
 DEMO_FILE ?= $(CURDIR)/build/demo.vk7
 
-.PHONY: run check deps build build-asan test test-asan clean
+.PHONY: run check deps build build-asan test test-asan bench clean
 
 run: deps build
 	./build/release/velk demo $(DEMO_FILE)
@@ -27,6 +27,12 @@ test: build
 
 test-asan: build-asan
 	cd build/asan && ctest --output-on-failure -j $(JOBS)
+
+# Benchmarks: each bulk path beside its raw baseline; see the "ratio" column.
+bench: deps
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DVELK_BUILD_BENCH=ON
+	cmake --build build/release -j $(JOBS) --target velk_bench
+	./build/release/bench/velk_bench --benchmark_counters_tabular=true $(BENCH_ARGS)
 
 clean:
 	rm -rf build

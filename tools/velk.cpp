@@ -1,10 +1,12 @@
 // velk: command-line companion of the library.
 //
 //   velk demo FILE   writes a small sample file through the library (host, OS,
-//                    application and version records, one described stream),
-//                    closes it, reopens it and dumps it.
-//   velk dump FILE   opens a sample file read-only and prints its tables,
-//                    streams and file-wide records.
+//                    application and version records, processes, threads and
+//                    modules, one stream with described samples), closes it,
+//                    reopens it and dumps it.
+//   velk dump FILE   opens a sample file read-only and prints its tables, its
+//                    file-wide records, processes, threads, modules, and per
+//                    stream its descriptors and first data entries.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -243,6 +245,206 @@ void print_records(velk_handle* h)
     }
 }
 
+// ---------------------------------------------------------------------------
+// Processes, threads and modules, and the descriptors of the global sections.
+// ---------------------------------------------------------------------------
+constexpr unsigned kShownRecords = 20;  // records printed per section
+constexpr unsigned kShownEntries = 5;   // data entries printed per stream
+
+struct RecordWalk {
+    velk_handle* h;
+    unsigned long long seen;
+};
+
+unsigned print_pids(__VELK_pid* r, unsigned, unsigned entries, void* context)
+{
+    RecordWalk* w = static_cast<RecordWalk*>(context);
+    for (unsigned i = 0; i < entries && w->seen < kShownRecords; ++i, ++w->seen)
+        printf("  process %u: pid %u, flags 0x%x, osid %u, when %llu, parent index %u, path %s, "
+               "name %s\n",
+               r[i].reserved_for_legacy, r[i].pid_id, r[i].pid_flags, r[i].osid,
+               (unsigned long long)r[i].pid_event_when, r[i].parent_pid_index,
+               text_of(w->h, r[i].pid_path).c_str(), text_of(w->h, r[i].pid_name).c_str());
+    return 0;
+}
+
+unsigned print_tids(__VELK_tid* r, unsigned, unsigned entries, void* context)
+{
+    RecordWalk* w = static_cast<RecordWalk*>(context);
+    for (unsigned i = 0; i < entries && w->seen < kShownRecords; ++i, ++w->seen)
+        printf("  thread %u: tid %u, process %u, flags 0x%x, when %llu, name %s\n",
+               r[i].reserved_for_legacy, r[i].tid_id, r[i].tid_pid, r[i].tid_flags,
+               (unsigned long long)r[i].tid_event_when, text_of(w->h, r[i].tid_name).c_str());
+    return 0;
+}
+
+unsigned module_record_size = 0;
+
+unsigned print_modules(__VELK_module* first, unsigned, unsigned entries, void* context)
+{
+    RecordWalk* w = static_cast<RecordWalk*>(context);
+    const unsigned char* at = reinterpret_cast<const unsigned char*>(first);
+    for (unsigned i = 0; i < entries && w->seen < kShownRecords; ++i, ++w->seen) {
+        __VELK_module m;
+        memcpy(&m, at + (size_t)i * module_record_size, sizeof(m));
+        printf("  module %llu: pid %u, flags 0x%x, load 0x%llx, length %llu, pid index 0x%x, "
+               "path %s, name %s, extra %s\n",
+               w->seen, m.pid, m.module_flags, (unsigned long long)m.module_load_address,
+               (unsigned long long)m.module_length, m.pid_index,
+               text_of(w->h, m.module_path).c_str(), text_of(w->h, m.module_name).c_str(),
+               text_of(w->h, m.module_extra).c_str());
+    }
+    return 0;
+}
+
+void print_descriptor(velk_handle* h, const char* indent, const __velk_samprec_desc_entry& d)
+{
+    printf("%sfield %s: offset %u, length %u, type %u, qualifier %u\n", indent,
+           text_of(h, d.name).c_str(), d.field_offset, d.field_length, d.field_type,
+           d.field_qualifier);
+}
+
+void print_global_sections(velk_handle* h)
+{
+    static const struct {
+        VELK_SECTION_IDENTIFIER id;
+        unsigned kind;
+        const char* name;
+    } kSections[] = {{VELK_SECTION_PROCESS, 29, "processes"},
+                     {VELK_SECTION_THREAD, 30, "threads"},
+                     {VELK_SECTION_MODULE, 31, "modules"}};
+    if (VELK_reading_section(h, VELK_SECTION_DESCRIPTOR) == 0) {
+        for (const auto& s : kSections) {
+            __velk_samprec_desc_entry* entries = nullptr;
+            int count = -1;
+            if (VELK_get_global_section_descriptor(h, s.id, &entries, &count) == 0 && count > 0) {
+                printf("descriptors of the %s:\n", s.name);
+                for (int i = 0; i < count; ++i)
+                    print_descriptor(h, "  ", entries[i]);
+            }
+        }
+        VELK_done_section(h, VELK_SECTION_DESCRIPTOR);
+    }
+    module_record_size = VELK_get_module_record_size(h);
+    for (const auto& s : kSections) {
+        if (VELK_reading_section(h, s.id) != 0)
+            continue;
+        RecordWalk walk = {h, 0};
+        unsigned status = 0;
+        printf("%s:\n", s.name);
+        if (s.id == VELK_SECTION_PROCESS) {
+            VELK_PROCESS_CALLBACK cb = print_pids;
+            status = VELK_enumerate_processes(h, &cb, &walk, 0);
+        } else if (s.id == VELK_SECTION_THREAD) {
+            VELK_THREAD_CALLBACK cb = print_tids;
+            status = VELK_enumerate_threads(h, &cb, &walk, 0);
+        } else {
+            printf("  record size %u\n", module_record_size);
+            VELK_MODULE_CALLBACK cb = print_modules;
+            status = VELK_enumerate_modules(h, &cb, &walk, 0);
+        }
+        if (status != 0)
+            failed("enumeration", status);
+        VELK_done_section(h, s.id);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// A stream's descriptors and the first entries of its data.
+// ---------------------------------------------------------------------------
+struct DataWalk {
+    velk_handle* h;
+    std::vector<__velk_samprec_desc_entry> fields;
+    unsigned entry_size;
+    bool by_bytes;
+    unsigned shown;
+};
+
+unsigned keep_descriptors(__velk_samprec_desc_entry* entries, unsigned, unsigned count, void* user)
+{
+    std::vector<__velk_samprec_desc_entry>* out = static_cast<std::vector<__velk_samprec_desc_entry>*>(user);
+    out->assign(entries, entries + count);
+    return 0;
+}
+
+void print_field(const unsigned char* entry, const __velk_samprec_desc_entry& d, unsigned entry_size)
+{
+    if (d.field_offset >= entry_size || d.field_length > entry_size - d.field_offset) {
+        printf(" (outside the entry)");
+        return;
+    }
+    const unsigned char* at = entry + d.field_offset;
+    if (d.field_length == 1 || d.field_length == 2 || d.field_length == 4 || d.field_length == 8) {
+        unsigned long long v = 0;
+        memcpy(&v, at, d.field_length);
+        printf(" %llu", v);
+        return;
+    }
+    const unsigned shown = d.field_length < 16 ? d.field_length : 16;
+    printf(" ");
+    for (unsigned i = 0; i < shown; ++i)
+        printf("%02x", at[i]);
+    if (shown < d.field_length)
+        printf("...");
+}
+
+unsigned print_entries(void* data, unsigned long long bytes, unsigned entries, void* user,
+                       unsigned long long*)
+{
+    DataWalk* w = static_cast<DataWalk*>(user);
+    const unsigned long long available = w->by_bytes ? bytes / w->entry_size : entries;
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    for (unsigned long long i = 0; i < available && w->shown < kShownEntries; ++i, ++w->shown) {
+        printf("    entry %u:", w->shown);
+        for (const __velk_samprec_desc_entry& d : w->fields) {
+            printf(" %s=", text_of(w->h, d.name).c_str());
+            print_field(p + i * w->entry_size, d, w->entry_size);
+        }
+        printf("\n");
+    }
+    return 0;
+}
+
+void print_stream_data(velk_handle* h, unsigned n, unsigned stream_type)
+{
+    DataWalk walk = {h, {}, 0, (stream_type & ~8u) == 1, 0};
+    if (VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION) == 0) {
+        VELK_DESCRIPTOR_CALLBACK cb = keep_descriptors;
+        if (VELK_enumerate_data_descriptor_entries(h, n, &cb, &walk.fields) == 0 &&
+            !walk.fields.empty()) {
+            printf("  descriptors: %zu\n", walk.fields.size());
+            for (const __velk_samprec_desc_entry& d : walk.fields)
+                print_descriptor(h, "    ", d);
+            VELK_DESCRIPTOR_NODE_S* table = nullptr;
+            unsigned groups = 0;
+            if (VELK_get_data_desc_table(h, n, &table, &groups) == 0) {
+                for (unsigned g = 0; g < groups; ++g) {
+                    printf("    group %u: %u entries, %u bytes\n", g, table[g].num_entries,
+                           table[g].group_length);
+                    free(table[g].entries);
+                }
+                free(table);
+            }
+        }
+        VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION);
+    }
+    unsigned exists = 0;
+    VELK_exists_stream_section(h, n, 38, &exists);
+    if (!exists || walk.fields.empty())
+        return;
+    if (VELK_get_size_of_each_data_entry(h, n, &walk.entry_size) != 0 || walk.entry_size == 0)
+        return;
+    if (VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA) != 0)
+        return;
+    printf("  data: entry size %u, counted by %s\n", walk.entry_size,
+           walk.by_bytes ? "bytes" : "entries");
+    VELK_DATA_CALLBACK cb = print_entries;
+    const unsigned status = VELK_enumerate_data(h, n, &cb, &walk, 0);
+    if (status != 0)
+        failed("VELK_enumerate_data", status);
+    VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA);
+}
+
 void print_streams(velk_handle* h)
 {
     unsigned count = 0;
@@ -253,10 +455,12 @@ void print_streams(velk_handle* h)
             continue;
         printf("stream %u:\n", n);
         unsigned exists = 0;
+        unsigned stream_type = 0;
         VELK_exists_stream_section(h, n, 40, &exists);
         if (exists && VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO) == 0) {
             __VELK_stream_info info;
             if (VELK_get_stream_info(h, n, sizeof(info), &info, nullptr) == 0) {
+                stream_type = info.stream_type;
                 printf("  type %u, comment %s\n", info.stream_type, text_of(h, info.comment).c_str());
                 printf("  command line %s, cpu %s\n", text_of(h, info.command_line).c_str(),
                        text_of(h, info.cpu).c_str());
@@ -267,6 +471,7 @@ void print_streams(velk_handle* h)
             }
             VELK_done_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO);
         }
+        print_stream_data(h, n, stream_type);
         VELK_done_stream(h, n);
     }
 }
@@ -282,8 +487,114 @@ int dump(const char* path)
     printf("%s: %zu bytes, file version %u\n", path, f.size(), version);
     print_tables(path);
     print_records(h);
+    print_global_sections(h);
     print_streams(h);
     return failed("VELK_close", VELK_close(h)) ? 1 : 0;
+}
+
+__velk_samprec_desc_entry descriptor(unsigned type, unsigned offset, unsigned length,
+                                     const wchar_t* name)
+{
+    __velk_samprec_desc_entry d;
+    memset(&d, 0, sizeof(d));
+    d.entry_size = VELK_DESCRIPTOR_ENTRY_SIZE;
+    d.field_type = (uint16_t)type;
+    d.field_offset = offset;
+    d.field_length = length;
+    d.name.text = const_cast<wchar_t*>(name);
+    return d;
+}
+
+// Two processes with a thread each, three modules, and the descriptors that
+// give the module records their size.
+int demo_records(velk_handle* h)
+{
+    __velk_samprec_desc_entry module_desc[2] = {
+        descriptor(ST_GROUP_HEAD, 0, 0, L"module group"),
+        descriptor(ST_MODULE_RECORD, 0, sizeof(__VELK_module), L"module record")};
+    if (failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_DESCRIPTOR)) ||
+        failed("VELK_add_global_section_descriptor",
+               VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, module_desc, 2)) ||
+        failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_DESCRIPTOR)) ||
+        failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_PROCESS)))
+        return 1;
+    static const wchar_t* const kPaths[] = {L"/usr/bin/app", L"/usr/bin/helper"};
+    static const wchar_t* const kNames[] = {L"app", L"helper"};
+    for (unsigned i = 0; i < 2; ++i) {
+        __VELK_pid p;
+        memset(&p, 0, sizeof(p));
+        p.pid_size = sizeof(p);
+        p.pid_id = 4100 + i;
+        p.pid_event_when = 10 * i;
+        p.pid_path.text = const_cast<wchar_t*>(kPaths[i]);
+        p.pid_name.text = const_cast<wchar_t*>(kNames[i]);
+        if (failed("VELK_add_process", VELK_add_process(h, &p)))
+            return 1;
+    }
+    if (failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_PROCESS)) ||
+        failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_THREAD)))
+        return 1;
+    for (unsigned i = 0; i < 2; ++i) {
+        __VELK_tid t;
+        memset(&t, 0, sizeof(t));
+        t.tid_size = sizeof(t);
+        t.tid_pid = 4100 + i;
+        t.tid_id = 4100 + i;
+        t.tid_name.text = const_cast<wchar_t*>(i == 0 ? L"main" : L"worker");
+        if (failed("VELK_add_thread", VELK_add_thread(h, &t)))
+            return 1;
+    }
+    if (failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_THREAD)) ||
+        failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_MODULE)))
+        return 1;
+    static const wchar_t* const kModules[][2] = {{L"/usr/bin/app", L"app"},
+                                                 {L"/usr/lib/libc.so.6", L"libc.so.6"},
+                                                 {L"/usr/bin/helper", L"helper"}};
+    for (unsigned i = 0; i < 3; ++i) {
+        __VELK_module m;
+        memset(&m, 0, sizeof(m));
+        m.module_size = sizeof(m);
+        m.pid = i < 2 ? 4100 : 4101;
+        m.module_flags = VELK_MODULE_HAS_LOAD_COUNT;
+        m.segment_type = 3;
+        m.module_length = 0x20000;
+        m.module_load_address = 0x400000 + 0x1000000ULL * i;
+        m.sc_unload_32 = 0xFFFFFFFF;
+        m.module_path.text = const_cast<wchar_t*>(kModules[i][0]);
+        m.module_name.text = const_cast<wchar_t*>(kModules[i][1]);
+        if (failed("VELK_add_module", VELK_add_module(h, &m)))
+            return 1;
+    }
+    return failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_MODULE)) ? 1 : 0;
+}
+
+// Stream 0's samples: a 40-byte legacy sample record and a time stamp.
+int demo_samples(velk_handle* h)
+{
+    __velk_samprec_desc_entry fields[2] = {
+        descriptor(ST_LEGACY_SAMPLE_RECORD, 0, 40, L"sample"),
+        descriptor(ST_TIMESTAMP, 40, 8, L"time stamp")};
+    if (failed("VELK_writing_stream_section",
+               VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION)) ||
+        failed("VELK_add_data_descriptor_entry", VELK_add_data_descriptor_entry(h, 0, &fields[0])) ||
+        failed("VELK_add_data_descriptor_entry", VELK_add_data_descriptor_entry(h, 0, &fields[1])) ||
+        failed("VELK_done_stream_section",
+               VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION)) ||
+        failed("VELK_writing_stream_section",
+               VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_DATA)))
+        return 1;
+    unsigned char sample[48];
+    for (unsigned i = 0; i < 8; ++i) {
+        memset(sample, 0, sizeof(sample));
+        const uint64_t ip = 0x401000 + 0x10 * i, stamp = 1000 + 7 * i;
+        memcpy(sample, &ip, sizeof(ip));
+        memcpy(sample + 40, &stamp, sizeof(stamp));
+        if (failed("VELK_add_data", VELK_add_data(h, 0, sizeof(sample), sample)))
+            return 1;
+    }
+    return failed("VELK_done_stream_section", VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA))
+               ? 1
+               : 0;
 }
 
 int demo(const char* path)
@@ -305,6 +616,8 @@ int demo(const char* path)
         failed("VELK_set_version_info", VELK_set_version_info(h, &version)) ||
         failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_VERSION_INFO)))
         return 1;
+    if (demo_records(h) != 0)
+        return 1;
     __VELK_stream_info info;
     memset(&info, 0, sizeof(info));
     info.stream_type = VELK_STREAM_TYPE_SAMPLE;
@@ -317,6 +630,7 @@ int demo(const char* path)
         failed("VELK_set_stream_info", VELK_set_stream_info(h, 0, &info)) ||
         failed("VELK_done_stream_section",
                VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO)) ||
+        demo_samples(h) != 0 ||
         failed("VELK_done_stream", VELK_done_stream(h, 0)) ||
         failed("VELK_close", VELK_close(h)))
         return 1;

@@ -503,7 +503,94 @@ unsigned int velk_class::utility_add_a_new_stream(unsigned int write_to_file)
     return 0;
 }
 
-unsigned int velk_class::VELK_is_legacy_bound(unsigned int*)
+namespace {
+
+// Notes whether the first descriptor of stream 0 is a legacy sample record.
+unsigned int velk_helper_metadata_callback(__velk_samprec_desc_entry* entries, unsigned int,
+                                           unsigned int count, void* user)
 {
-    return VELK_E_UNSUPPORTED;
+    *static_cast<unsigned int*>(user) =
+        (count > 0 && entries[0].field_type == ST_LEGACY_SAMPLE_RECORD) ? 1 : 0;
+    return 0;
+}
+
+// Where the header ex keeps the bound bit.
+constexpr unsigned int kHeaderExBoundByte = 392;
+
+}  // namespace
+
+unsigned int velk_class::VELK_is_legacy_bound(unsigned int* bound)
+{
+    VELK_TRACE_ENTER("VELK_is_legacy_bound");
+    if (bound == nullptr) {
+        LOG_NULL_POINTER();
+        return VELK_E_BAD_POINTER;
+    }
+    *bound = 0;
+    velk_section_block* s = sections_ptr;
+    if (!present(s->sfs_legacy_pid_record)) {
+        LOGIT_A(VELK_MASK_DETAIL,
+                "<velk %u::VELK_is_legacy_bound>legacy pid record doesn't exist! This implies that "
+                "the vk5 file is not bound!\n",
+                instance);
+        return 0;
+    }
+    if (!present(s->sfs_legacy_tid_record)) {
+        LOGIT_A(VELK_MASK_DETAIL,
+                "<velk %u::VELK_is_legacy_bound>legacy tid record doesn't exist! This implies that "
+                "the vk5 file is not bound!\n",
+                instance);
+        return 0;
+    }
+    if (stream_count == 0) {
+        LOGIT_A(VELK_MASK_DETAIL,
+                "<velk %u::VELK_is_legacy_bound>There is no stream 0! This implies that the vk5 "
+                "file is not bound!\n",
+                instance);
+        return 0;
+    }
+
+    unsigned int found = 0;
+    VELK_DESCRIPTOR_CALLBACK callback = velk_helper_metadata_callback;
+    RETURN_IF_FAILED(VELK_reading_stream(0));
+    RETURN_IF_FAILED(VELK_reading_stream_section(0, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+    RETURN_IF_FAILED(VELK_enumerate_data_descriptor_entries(0, &callback, &found));
+    RETURN_IF_FAILED(VELK_done_stream_section(0, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+    RETURN_IF_FAILED(VELK_done_stream(0));
+    if (found == 0) {
+        LOGIT_A(VELK_MASK_DETAIL,
+                "<velk %u::VELK_is_legacy_bound>the data in stream 0 is not of type "
+                "ST_LEGACY_SAMPLE_RECORD! This implies that the vk5 file is not bound!\n",
+                instance);
+        return 0;
+    }
+    if (!present(s->sfs_legacy_sample_record)) {
+        LOGIT_A(VELK_MASK_DETAIL,
+                "<velk %u::VELK_is_legacy_bound>legacy sample record doesn't exist! This implies "
+                "that the vk5 file is not bound!\n",
+                instance);
+        return 0;
+    }
+
+    const __VELK_sample_file_section_vk6& header_ex = s->sfs_legacy_header_ex;
+    __VELK_mmap_tracker map;
+    RETURN_IF_FAILED(helper_map_small_section(&map, header_ex.file_offset, header_ex.length));
+    // A header ex too short to hold the bound byte is not one this library
+    // can read.
+    unsigned int status = 0;
+    if (map.m_bytes <= kHeaderExBoundByte) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_is_legacy_bound>header ex is %llu bytes long!\n",
+                instance, (unsigned long long)map.m_bytes);
+        status = VELK_E_BAD_FILE;
+    } else if (map.m_current[kHeaderExBoundByte] & 1) {
+        LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_is_legacy_bound>this file is bound\n", instance);
+        *bound = 1;
+    } else {
+        LOGIT_A(VELK_MASK_TRACE, "<velk %u::VELK_is_legacy_bound>this file is not bound\n",
+                instance);
+    }
+    status = helper_unmap_keeping_first(&map, status);
+    if (status == 0)
+        VELK_TRACE_EXIT("VELK_is_legacy_bound");
+    return status;
 }

@@ -257,3 +257,76 @@ TEST_F(TablesTest, DamagedTablesAreRefused)
         }
     }
 }
+
+TEST_F(TablesTest, LegacyBoundAnswersFromRecordsDescriptorsAndHeaderEx)
+{
+    // The version 5 file above, with a process and a thread section, a
+    // sample record header and the bound byte of the header ex as each case
+    // wants them.
+    struct Case {
+        const char* what;
+        bool pids, tids, samples, timestamp_only;
+        unsigned char bound_byte;
+        unsigned header_ex_length;
+        unsigned status, bound;
+        const char* line;
+    } cases[] = {
+        {"no processes", false, true, true, false, 201, 460, 0, 0,
+         "legacy pid record doesn't exist! This implies that the vk5 file is not bound!"},
+        {"no threads", true, false, true, false, 201, 460, 0, 0,
+         "legacy tid record doesn't exist! This implies that the vk5 file is not bound!"},
+        {"no stream", true, true, false, false, 201, 460, 0, 0,
+         "There is no stream 0! This implies that the vk5 file is not bound!"},
+        {"time stamps first", true, true, true, true, 201, 460, 0, 0,
+         "the data in stream 0 is not of type ST_LEGACY_SAMPLE_RECORD! This implies that the vk5 "
+         "file is not bound!"},
+        {"bound", true, true, true, false, 201, 460, 0, 1, "this file is bound"},
+        {"not bound", true, true, true, false, 200, 460, 0, 0, "this file is not bound"},
+        {"header ex too short", true, true, true, false, 201, 392, VELK_E_BAD_FILE, 0,
+         "header ex is 392 bytes long!"},
+    };
+    for (const Case& c : cases) {
+        Image f = legacy_file(5);
+        const size_t ex = 416, end = 1504;
+        f.put(ex + 392, &c.bound_byte, 1);
+        f.slot(16, 20, c.header_ex_length, ex, 1, c.header_ex_length, KIND_LEGACY_HEADER_EX);
+        if (!c.samples)
+            f.slot(56, 20, 0, 0, 0, 0, 0);
+        if (c.pids)
+            f.slot(96, 20, 40, end, 1, 40, KIND_LEGACY_PID_RECORD);
+        if (c.tids)
+            f.slot(116, 20, 40, end + 40, 1, 40, KIND_LEGACY_TID_RECORD);
+        f.slot(136, 20, 112, end + 80, 1, 112, KIND_LEGACY_SAMPLE_RECORD_HEADER);
+        f.put32(end + 80 + 4, c.timestamp_only ? 4 : 1);  // flags: time stamp or sample part
+        f.put32(end + 80 + 28, 48);                       // record size
+        f.put32(end + 80 + 32, 8);                        // time stamp length
+        f.put(end + 80 + 111, "", 1);
+        write_file(path("bound.vk5"), f.b);
+
+        velk_handle* h = nullptr;
+        ASSERT_EQ(0u, VELK_open(&h, widen(path("bound.vk5")).c_str(), VELK_OPEN_READ)) << c.what;
+        LogCapture log(0xF0000000u);
+        unsigned bound = 7;
+        EXPECT_EQ(c.status, VELK_is_legacy_bound(h, &bound)) << c.what;
+        EXPECT_EQ(c.bound, bound) << c.what;
+        EXPECT_TRUE(log.contains(std::string(c.line))) << c.what;
+        EXPECT_EQ(0u, VELK_close(h));
+    }
+
+    // A stream 0 being written can't be read for its descriptors, and is
+    // left in state 1 by the failed attempt's caller.
+    Image f = legacy_file(5);
+    f.slot(96, 20, 40, 1504, 1, 40, KIND_LEGACY_PID_RECORD);
+    f.slot(116, 20, 40, 1544, 1, 40, KIND_LEGACY_TID_RECORD);
+    f.put(1583, "", 1);
+    write_file(path("writing.vk5"), f.b);
+    velk_handle* h = nullptr;
+    ASSERT_EQ(0u, VELK_open(&h, widen(path("writing.vk5")).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
+    ASSERT_EQ(0u, VELK_writing_stream(h, 0));
+    unsigned bound = 7;
+    EXPECT_EQ(VELK_E_STREAM_STATE, VELK_is_legacy_bound(h, &bound));
+    EXPECT_EQ(0u, bound);
+    EXPECT_EQ(VELK_E_BAD_POINTER, VELK_is_legacy_bound(h, nullptr));
+    EXPECT_EQ(0u, VELK_done_stream(h, 0));
+    EXPECT_EQ(0u, VELK_close(h));
+}
