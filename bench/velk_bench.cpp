@@ -83,7 +83,16 @@ unsigned write_samples(const std::string& path, const std::vector<unsigned char>
     desc[1].field_type = ST_TIMESTAMP;
     desc[1].field_offset = 40;
     desc[1].field_length = 8;
-    if ((st = VELK_writing_stream(h, 0)) || (st = VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION)) ||
+    __VELK_stream_info info;
+    memset(&info, 0, sizeof(info));
+    info.stream_info_size = sizeof(info);
+    info.stream_type = VELK_STREAM_TYPE_SAMPLE;
+    info.comment.text = const_cast<wchar_t*>(L"benchmark samples");
+    if ((st = VELK_writing_stream(h, 0)) ||
+        (st = VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO)) ||
+        (st = VELK_set_stream_info(h, 0, &info)) ||
+        (st = VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO)) ||
+        (st = VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION)) ||
         (st = VELK_add_data_descriptor_entry(h, 0, &desc[0])) ||
         (st = VELK_add_data_descriptor_entry(h, 0, &desc[1])) ||
         (st = VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION)) ||
@@ -161,8 +170,9 @@ unsigned sum_modules(__VELK_module* records, unsigned, unsigned entries, void* u
 
 void report(benchmark::State& state, double velk_s, double base_s, size_t bytes)
 {
-    state.counters["velk_s"] = velk_s;
-    state.counters["baseline_s"] = base_s;
+    // Seconds per iteration of each side.
+    state.counters["velk_s"] = benchmark::Counter(velk_s, benchmark::Counter::kAvgIterations);
+    state.counters["baseline_s"] = benchmark::Counter(base_s, benchmark::Counter::kAvgIterations);
     state.counters["ratio"] = base_s > 0 ? velk_s / base_s : 0;
     state.SetBytesProcessed((int64_t)bytes * (int64_t)state.iterations());
 }

@@ -505,16 +505,26 @@ __velk_samprec_desc_entry descriptor(unsigned type, unsigned offset, unsigned le
     return d;
 }
 
-// Two processes with a thread each, three modules, and the descriptors that
-// give the module records their size.
+// Two processes with a thread each, three modules, and the descriptor groups
+// of the three sections (the module group gives module records their size).
 int demo_records(velk_handle* h)
 {
     __velk_samprec_desc_entry module_desc[2] = {
         descriptor(ST_GROUP_HEAD, 0, 0, L"module group"),
         descriptor(ST_MODULE_RECORD, 0, sizeof(__VELK_module), L"module record")};
+    __velk_samprec_desc_entry pid_desc[2] = {
+        descriptor(ST_GROUP_HEAD, 0, 0, L"process group"),
+        descriptor(ST_PID_RECORD, 0, sizeof(__VELK_pid), L"process record")};
+    __velk_samprec_desc_entry tid_desc[2] = {
+        descriptor(ST_GROUP_HEAD, 0, 0, L"thread group"),
+        descriptor(ST_TID_RECORD, 0, sizeof(__VELK_tid), L"thread record")};
     if (failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_DESCRIPTOR)) ||
         failed("VELK_add_global_section_descriptor",
                VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, module_desc, 2)) ||
+        failed("VELK_add_global_section_descriptor",
+               VELK_add_global_section_descriptor(h, VELK_SECTION_PROCESS, pid_desc, 2)) ||
+        failed("VELK_add_global_section_descriptor",
+               VELK_add_global_section_descriptor(h, VELK_SECTION_THREAD, tid_desc, 2)) ||
         failed("VELK_done_section", VELK_done_section(h, VELK_SECTION_DESCRIPTOR)) ||
         failed("VELK_writing_section", VELK_writing_section(h, VELK_SECTION_PROCESS)))
         return 1;

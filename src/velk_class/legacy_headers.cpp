@@ -56,5 +56,32 @@ unsigned int velk_class::helper_write_sample_file_header_ex()
 
 unsigned int velk_class::helper_generate_sample_record_header_and_write_to_file()
 {
-    return VELK_E_UNSUPPORTED;
+    VELK_TRACE_ENTER("helper_generate_sample_record_header_and_write_to_file");
+    velk_legacy_header_fields& h = legacy_header;
+    h.table_slots = sections_ptr->legacy_next_slot;
+
+    velk_legacy_samprec_header record;
+    memset(&record, 0, sizeof(record));
+    record.totalSampleCount = h.totalSampleCount;
+    // The session's flag bits 3 to 5 sit one place higher in the record;
+    // bits 0 to 2 keep their place, and nothing lands in bits 3 and 7.
+    record.flags = (uint8_t)((h.flags & 0x07u) | ((h.flags & 0x38u) << 1));
+    record.sample_offset = h.sample_offset;
+    record.timestamp_offset = h.timestamp_offset;
+    record.record_size = h.record_size;
+    record.timestamp_length = h.timestamp_length;
+    record.table_slots = h.table_slots;
+
+    __VELK_sample_file_section_vk6& sfs = sections_ptr->sfs_legacy_sample_record_header;
+    sfs.length = sizeof(record);
+    sfs.number_entries = 1;
+    sfs.entry_length = sizeof(record);
+    sfs.section_id = KIND_LEGACY_SAMPLE_RECORD_HEADER;
+    sfs.descriptor_id = -1;
+    sfs.file_offset = VELK_OSI_Get_File_Size(file_handle);
+    RETURN_IF_FAILED(utility_write_legacy_sfs_header(&sfs));
+    RETURN_IF_FAILED(utility_write_final_file(&record, sizeof(record), VELK_OSI_SEEK_END, 0));
+    RETURN_IF_FAILED(utility_add_string_padding(file_handle, "end legacy samprec header"));
+    VELK_TRACE_EXIT("helper_generate_sample_record_header_and_write_to_file");
+    return 0;
 }

@@ -367,6 +367,7 @@ struct __VELK_stream_struct {
     FILE_INFO_NODE* new_event_store;
     void* desc_buffer;
     unsigned int desc_dirty;
+    unsigned int desc_buffer_count;  // entries in desc_buffer, which may trail the list
     velk_list_head* desc_list;
     FILE_INFO_NODE* user_defined_store;
     FILE_INFO_NODE* data_store;
@@ -391,6 +392,7 @@ struct velk_section_block {
 
     void* global_desc_buffer;
     unsigned int global_desc_dirty;
+    unsigned int global_desc_buffer_count;  // entries in global_desc_buffer
     velk_list_head* global_desc_list;
 
     FILE_INFO_NODE* usr_defined_global_store;

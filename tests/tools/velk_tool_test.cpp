@@ -31,7 +31,13 @@ TEST_F(ToolTest, DemoWritesAFileAndDumpReadsOlderVersions)
     ASSERT_EQ(0, run_tool("demo " + path("demo.vk7"), &out)) << out;
     for (const char* line : {"file version 7\n", "kind    41 special velk stream offset",
                              "host: size 24, flags 0x0, text 1 \"demo-host\", text 2 \"x86_64\"\n",
-                             "version info: 2.0.8, revision 27\n", "type 1, comment \"samples of the demo\"\n"})
+                             "version info: 2.0.8, revision 27\n", "type 1, comment \"samples of the demo\"\n",
+                             "  process 1: pid 4101, flags 0x0, osid 0, when 10, parent index 0, path "
+                             "\"/usr/bin/helper\", name \"helper\"\n",
+                             "  thread 0: tid 4100, process 4100, flags 0x0, when 0, name \"main\"\n",
+                             "  record size 144\n  module 0: pid 4100, flags 0x8000, load 0x400000",
+                             "  data: entry size 48, counted by bytes\n",
+                             "    entry 1: \"sample\"= 10104000000000000000000000000000... \"time stamp\"= 1007\n"})
         EXPECT_NE(std::string::npos, out.find(line)) << line;
 
     // A version 5 file: section table of 20-byte entries, no global table.

@@ -57,6 +57,15 @@ TEST_F(CloseTest, WhatIsSetIsWhatTheNextSessionReads)
     ASSERT_EQ(0u, VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO));
     ASSERT_EQ(0u, VELK_set_stream_info(h, 0, &info));
     ASSERT_EQ(0u, VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_STREAM_INFO));
+    // A described stream: one without descriptors would get an empty
+    // descriptor section at every writing close.
+    __velk_samprec_desc_entry field;
+    memset(&field, 0, sizeof(field));
+    field.entry_size = 72;
+    field.field_length = 8;
+    ASSERT_EQ(0u, VELK_writing_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+    ASSERT_EQ(0u, VELK_add_data_descriptor_entry(h, 0, &field));
+    ASSERT_EQ(0u, VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA_DESCRIPTION));
     ASSERT_EQ(0u, VELK_done_stream(h, 0));
     ASSERT_EQ(0u, VELK_close(h));
     const std::vector<unsigned char> written = read_file(name);
