@@ -100,6 +100,12 @@ bool LogCapture::contains(const std::string& line) const
     return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
 }
 
+bool LogCapture::contains_part(const std::string& part) const
+{
+    return std::any_of(lines_.begin(), lines_.end(),
+                       [&](const std::string& l) { return l.find(part) != std::string::npos; });
+}
+
 namespace {
 
 // Matches `line` against a printf format in which %u, %d and %x (with any
@@ -172,6 +178,76 @@ void TempDirTest::TearDown()
         unlink(path(name).c_str());
     rmdir(dir_.c_str());
     unsetenv("DOV_TMP_DIR");
+}
+
+Slot find_slot(const std::vector<unsigned char>& f, size_t table, unsigned slots, unsigned kind,
+               bool nonempty)
+{
+    for (unsigned i = 0; i < slots; ++i) {
+        const size_t at = table + 40 * (size_t)i;
+        if (at == 0 || at + 40 > f.size())
+            break;
+        if (u32_at(f, at + 28) == kind && (!nonempty || u64_at(f, at) != 0))
+            return {at, u64_at(f, at), u64_at(f, at + 8), u64_at(f, at + 16), u32_at(f, at + 24)};
+    }
+    return {};
+}
+
+Slot legacy_slot(const std::vector<unsigned char>& f, unsigned kind)
+{
+    return find_slot(f, 16, 20, kind);
+}
+
+Slot global_slot(const std::vector<unsigned char>& f, unsigned kind)
+{
+    return find_slot(f, (size_t)legacy_slot(f, 34).file_offset, 12, kind);
+}
+
+Slot stream_slot(const std::vector<unsigned char>& f, unsigned stream, unsigned kind)
+{
+    Slot chain = global_slot(f, 41);
+    for (unsigned n = 0; n < stream && chain.at != 0; ++n)
+        chain = find_slot(f, (size_t)chain.file_offset, 8, 41);
+    return chain.at == 0 ? Slot() : find_slot(f, (size_t)chain.file_offset, 8, kind);
+}
+
+void expect_ending(const std::vector<unsigned char>& f, size_t end, const std::string& marker)
+{
+    ASSERT_LE(end + marker.size() + 1, f.size());
+    EXPECT_EQ(marker, std::string((const char*)&f[end])) << end;
+    const size_t after = end + marker.size() + 1;
+    const size_t pad = 24 - (after & 7);
+    ASSERT_LE(after + pad, f.size());
+    for (size_t i = after; i < after + pad; ++i)
+        ASSERT_EQ(0, f[i]) << marker << " padding at " << i;
+}
+
+std::vector<unsigned char> slice(const std::vector<unsigned char>& f, size_t at, size_t n)
+{
+    if (at + n > f.size())
+        return {};
+    return std::vector<unsigned char>(f.begin() + at, f.begin() + at + n);
+}
+
+std::string narrow(const wchar_t* text)
+{
+    std::string out;
+    for (; text != nullptr && *text != 0; ++text)
+        out += (char)*text;
+    return out;
+}
+
+std::string text_of(velk_handle* h, unsigned long long id)
+{
+    __string_or_id s;
+    s.id = id;
+    unsigned size = 0;
+    if (id == 0 || VELK_convert_uniqueid_to_string(h, 0, &s, nullptr, &size) != 0)
+        return "?";
+    std::vector<wchar_t> wide(size / 4 + 1);
+    if (VELK_convert_uniqueid_to_string(h, size, &s, wide.data(), &size) != 0)
+        return "?";
+    return narrow(wide.data());
 }
 
 }  // namespace velk_test

@@ -25,6 +25,40 @@ std::vector<std::string> list_dir(const std::string& dir);
 uint32_t u32_at(const std::vector<unsigned char>& bytes, size_t offset);
 uint64_t u64_at(const std::vector<unsigned char>& bytes, size_t offset);
 
+// A 40-byte section descriptor as it lies in a table of a version 6 or 7
+// file. `at` is where the slot lies, 0 when the kind isn't there.
+struct Slot {
+    size_t at = 0;
+    uint64_t length = 0, file_offset = 0, number_entries = 0;
+    uint32_t entry_length = 0;
+};
+// The first slot of `kind` among `slots` slots at `table`; with `nonempty`,
+// slots of length 0 are passed over.
+Slot find_slot(const std::vector<unsigned char>& f, size_t table, unsigned slots, unsigned kind,
+               bool nonempty = true);
+// The slot of a kind in the table at the start of the file (20 slots at 16).
+Slot legacy_slot(const std::vector<unsigned char>& f, unsigned kind);
+// The slot of a kind in the global table (12 slots, reached through kind 34).
+Slot global_slot(const std::vector<unsigned char>& f, unsigned kind);
+// The slot of a kind in stream `stream`'s table, through the chain of kind 41.
+Slot stream_slot(const std::vector<unsigned char>& f, unsigned stream, unsigned kind);
+// Expects `marker` with its NUL at `end`, then 24 - (size & 7) zero bytes.
+void expect_ending(const std::vector<unsigned char>& f, size_t end, const std::string& marker);
+
+// The bytes of a record.
+template <typename T>
+std::vector<unsigned char> bytes_of(const T& record)
+{
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(&record);
+    return std::vector<unsigned char>(p, p + sizeof(record));
+}
+// `n` bytes of `f` at `at`; empty when they reach past its end.
+std::vector<unsigned char> slice(const std::vector<unsigned char>& f, size_t at, size_t n);
+// A wide text of ASCII characters, narrowed.
+std::string narrow(const wchar_t* text);
+// The text behind a string id of a session, or "?" when it has none.
+std::string text_of(velk_handle* h, unsigned long long id);
+
 // Captures every log line whose mask shares a bit with `mask` while alive.
 class LogCapture {
 public:
@@ -33,6 +67,8 @@ public:
     const std::vector<std::string>& lines() const { return lines_; }
     const std::vector<unsigned int>& masks() const { return masks_; }
     bool contains(const std::string& line) const;
+    // True if a captured line has `part` anywhere in it.
+    bool contains_part(const std::string& part) const;
     // True if a captured line matches a log format in which every %u and %d
     // stands for any decimal number and every %s for any text.
     bool contains_format(const std::string& format) const;

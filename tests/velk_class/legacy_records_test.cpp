@@ -25,17 +25,6 @@ size_t section_slot(const std::vector<unsigned char>& f, unsigned kind)
     return std::string::npos;
 }
 
-// The marker with its NUL at `end`, then 24 - (size & 7) zero bytes.
-void expect_ending(const std::vector<unsigned char>& f, size_t end, const std::string& marker)
-{
-    ASSERT_LE(end + marker.size() + 1, f.size());
-    EXPECT_EQ(marker, std::string((const char*)&f[end])) << end;
-    const size_t after = end + marker.size() + 1;
-    const size_t pad = 24 - (after & 7);
-    ASSERT_LE(after + pad, f.size());
-    for (size_t i = after; i < after + pad; ++i)
-        ASSERT_EQ(0, f[i]) << marker << " padding at " << i;
-}
 
 // Checks kind's slot and returns the section's file offset.
 size_t expect_section(const std::vector<unsigned char>& f, unsigned kind, uint64_t length,
@@ -53,27 +42,8 @@ size_t expect_section(const std::vector<unsigned char>& f, unsigned kind, uint64
     return at;
 }
 
-std::string narrow(const wchar_t* text)
-{
-    std::string out;
-    for (; *text != 0; ++text)
-        out += (char)*text;
-    return out;
-}
 
-template <typename T>
-std::vector<unsigned char> bytes_of(const T& record)
-{
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(&record);
-    return std::vector<unsigned char>(p, p + sizeof(record));
-}
 
-std::vector<unsigned char> slice(const std::vector<unsigned char>& f, size_t at, size_t n)
-{
-    if (at + n > f.size())
-        return {};
-    return std::vector<unsigned char>(f.begin() + at, f.begin() + at + n);
-}
 
 struct Proc {
     const wchar_t* path;

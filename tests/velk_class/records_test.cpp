@@ -50,24 +50,8 @@ unsigned enumerate(velk_handle* h, int kind, Walk* w, unsigned long long start)
 const VELK_SECTION_IDENTIFIER kSection[3] = {VELK_SECTION_PROCESS, VELK_SECTION_THREAD,
                                              VELK_SECTION_MODULE};
 
-std::string text_of(velk_handle* h, unsigned long long id)
-{
-    __string_or_id s;
-    s.id = id;
-    unsigned size = 0;
-    if (VELK_convert_uniqueid_to_string(h, 0, &s, nullptr, &size) != 0)
-        return "?";
-    std::vector<wchar_t> wide(size / 4 + 1);
-    if (VELK_convert_uniqueid_to_string(h, size, &s, wide.data(), &size) != 0)
-        return "?";
-    std::string narrow;
-    for (wchar_t c : std::wstring(wide.data()))
-        narrow += (char)c;
-    return narrow;
-}
-
 // The 40-byte global table slot of a kind in a version 7 file, or npos.
-size_t global_slot(const std::vector<unsigned char>& f, unsigned kind)
+size_t global_at(const std::vector<unsigned char>& f, unsigned kind)
 {
     for (size_t at = 816; at < 816 + 512; at += 40)
         if (u32_at(f, at + 28) == kind)
@@ -342,7 +326,7 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
         {KIND_TID, 40, "end new tid section"},
         {KIND_MODULE, 144, "end new module section"}};
     for (int k = 0; k < 3; ++k) {
-        const size_t slot = global_slot(f, kinds[k].kind);
+        const size_t slot = global_at(f, kinds[k].kind);
         ASSERT_NE(std::string::npos, slot) << k;
         const unsigned long long length = u64_at(f, slot), offset = u64_at(f, slot + 8);
         EXPECT_EQ(want[k].size() * want[k][0].size(), length) << k;
@@ -467,7 +451,7 @@ TEST_F(RecordsTest, CallbackAnswersWindowsAndLookups)
 
     // A damaged count: more records than the section's bytes hold.
     std::vector<unsigned char> f = read_file(name);
-    const size_t slot = global_slot(f, KIND_PID);
+    const size_t slot = global_at(f, KIND_PID);
     ASSERT_NE(std::string::npos, slot);
     ASSERT_EQ(240u, u64_at(f, slot));
     f[slot + 16] = 6;
@@ -495,7 +479,7 @@ TEST_F(RecordsTest, ModulesWithoutDescriptorsHaveNoSize)
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
     ASSERT_EQ(0u, VELK_close(h));
     const std::vector<unsigned char> f = read_file(name);
-    const size_t slot = global_slot(f, KIND_MODULE);
+    const size_t slot = global_at(f, KIND_MODULE);
     ASSERT_NE(std::string::npos, slot);
     EXPECT_EQ(144u, u64_at(f, slot));
     EXPECT_EQ(0u, u32_at(f, slot + 24));  // no descriptors: entry length 0
