@@ -370,18 +370,17 @@ unsigned keep_descriptors(__velk_samprec_desc_entry* entries, unsigned, unsigned
 void print_field(const unsigned char* entry, const __velk_samprec_desc_entry& d, unsigned entry_size)
 {
     if (d.field_offset >= entry_size || d.field_length > entry_size - d.field_offset) {
-        printf(" (outside the entry)");
+        printf("(outside the entry)");
         return;
     }
     const unsigned char* at = entry + d.field_offset;
     if (d.field_length == 1 || d.field_length == 2 || d.field_length == 4 || d.field_length == 8) {
         unsigned long long v = 0;
         memcpy(&v, at, d.field_length);
-        printf(" %llu", v);
+        printf("%llu", v);
         return;
     }
     const unsigned shown = d.field_length < 16 ? d.field_length : 16;
-    printf(" ");
     for (unsigned i = 0; i < shown; ++i)
         printf("%02x", at[i]);
     if (shown < d.field_length)

@@ -37,7 +37,7 @@ TEST_F(ToolTest, DemoWritesAFileAndDumpReadsOlderVersions)
                              "  thread 0: tid 4100, process 4100, flags 0x0, when 0, name \"main\"\n",
                              "  record size 144\n  module 0: pid 4100, flags 0x8000, load 0x400000",
                              "  data: entry size 48, counted by bytes\n",
-                             "    entry 1: \"sample\"= 10104000000000000000000000000000... \"time stamp\"= 1007\n"})
+                             "    entry 1: \"sample\"=10104000000000000000000000000000... \"time stamp\"=1007\n"})
         EXPECT_NE(std::string::npos, out.find(line)) << line;
 
     // A version 5 file: section table of 20-byte entries, no global table.
