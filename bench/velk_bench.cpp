@@ -55,6 +55,13 @@ void check(unsigned status, benchmark::State& state, const char* what)
     }
 }
 
+// Opens a new sample file for writing in place of any file at `path`.
+unsigned create_file(const std::string& path, velk_handle** h)
+{
+    unlink(path.c_str());
+    return VELK_open(h, wide(path).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE);
+}
+
 std::vector<unsigned char> sample_bytes(size_t count)
 {
     std::vector<unsigned char> bytes(count * kSampleSize);
@@ -70,9 +77,8 @@ std::vector<unsigned char> sample_bytes(size_t count)
 // sample record of 40 bytes and an 8-byte time stamp.
 unsigned write_samples(const std::string& path, const std::vector<unsigned char>& bytes)
 {
-    unlink(path.c_str());
     velk_handle* h = nullptr;
-    unsigned st = VELK_open(&h, wide(path).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE);
+    unsigned st = create_file(path, &h);
     if (st != 0)
         return st;
     __velk_samprec_desc_entry desc[2];
@@ -177,19 +183,22 @@ void report(benchmark::State& state, double velk_s, double base_s, size_t bytes)
     state.SetBytesProcessed((int64_t)bytes * (int64_t)state.iterations());
 }
 
-void BM_AddSamples(benchmark::State& state)
+// An add benchmark over files named after `name`: `write` makes the sample
+// file, raw_write() puts the same `bytes` to a plain file in pieces of
+// `piece` bytes.
+template <typename Write>
+void run_add(benchmark::State& state, const std::vector<unsigned char>& bytes, const char* name,
+             const char* what, Write write, size_t piece)
 {
-    const size_t count = (size_t)state.range(0);
-    const std::vector<unsigned char> bytes = sample_bytes(count);
-    const std::string file = scratch_dir() + "/samples_add.vk7";
-    const std::string raw = scratch_dir() + "/samples_add.raw";
+    const std::string file = scratch_dir() + "/" + name + ".vk7";
+    const std::string raw = scratch_dir() + "/" + name + ".raw";
     double velk_s = 0, base_s = 0;
     for (auto _ : state) {
         Clock::time_point t = Clock::now();
-        check(write_samples(file, bytes), state, "writing samples");
+        check(write(file), state, what);
         const double v = seconds_since(t);
         t = Clock::now();
-        raw_write(raw, bytes.data(), bytes.size(), (size_t)kSamplesPerAdd * kSampleSize);
+        raw_write(raw, bytes.data(), bytes.size(), piece);
         const double b = seconds_since(t);
         state.SetIterationTime(v);
         velk_s += v;
@@ -200,33 +209,32 @@ void BM_AddSamples(benchmark::State& state)
     unlink(raw.c_str());
 }
 
-void BM_EnumerateSamples(benchmark::State& state)
+// An enumerate benchmark over files named after `name`: `write` makes the
+// sample file once, `read` enumerates it into a ScanSum in each iteration,
+// and `scan` sums the same `bytes` from a plain file; the two sums must agree.
+template <typename Write, typename Read, typename Scan>
+void run_enumerate(benchmark::State& state, size_t count, const std::vector<unsigned char>& bytes,
+                   const char* name, const char* what, Write write, Read read, Scan scan,
+                   const char* mismatch)
 {
-    const size_t count = (size_t)state.range(0);
-    const std::vector<unsigned char> bytes = sample_bytes(count);
-    const std::string file = scratch_dir() + "/samples_read.vk7";
-    const std::string raw = scratch_dir() + "/samples_read.raw";
-    check(write_samples(file, bytes), state, "writing samples");
+    const std::string file = scratch_dir() + "/" + name + ".vk7";
+    const std::string raw = scratch_dir() + "/" + name + ".raw";
+    check(write(file), state, what);
     raw_write(raw, bytes.data(), bytes.size(), bytes.size());
     double velk_s = 0, base_s = 0;
     for (auto _ : state) {
         Clock::time_point t = Clock::now();
         velk_handle* h = nullptr;
         ScanSum s;
-        VELK_DATA_CALLBACK cb = sum_samples;
         check(VELK_open(&h, wide(file).c_str(), VELK_OPEN_READ), state, "open");
-        check(VELK_reading_stream(h, 0), state, "reading stream");
-        check(VELK_reading_stream_section(h, 0, VELK_STREAM_SECTION_DATA), state, "reading data");
-        check(VELK_enumerate_data(h, 0, &cb, &s, 0), state, "enumerate");
-        VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA);
-        VELK_done_stream(h, 0);
+        read(h, &s);
         check(VELK_close(h), state, "close");
         const double v = seconds_since(t);
         t = Clock::now();
-        const uint64_t base_sum = mmap_scan(raw, kSampleSize, 40);
+        const uint64_t base_sum = scan(raw);
         const double b = seconds_since(t);
         if (s.records != count || s.sum != base_sum)
-            state.SkipWithError("enumeration saw other samples than were written");
+            state.SkipWithError(mismatch);
         state.SetIterationTime(v);
         velk_s += v;
         base_s += b;
@@ -236,13 +244,41 @@ void BM_EnumerateSamples(benchmark::State& state)
     unlink(raw.c_str());
 }
 
+void BM_AddSamples(benchmark::State& state)
+{
+    const std::vector<unsigned char> bytes = sample_bytes((size_t)state.range(0));
+    run_add(
+        state, bytes, "samples_add", "writing samples",
+        [&](const std::string& file) { return write_samples(file, bytes); },
+        (size_t)kSamplesPerAdd * kSampleSize);
+}
+
+void BM_EnumerateSamples(benchmark::State& state)
+{
+    const size_t count = (size_t)state.range(0);
+    const std::vector<unsigned char> bytes = sample_bytes(count);
+    run_enumerate(
+        state, count, bytes, "samples_read", "writing samples",
+        [&](const std::string& file) { return write_samples(file, bytes); },
+        [&](velk_handle* h, ScanSum* s) {
+            VELK_DATA_CALLBACK cb = sum_samples;
+            check(VELK_reading_stream(h, 0), state, "reading stream");
+            check(VELK_reading_stream_section(h, 0, VELK_STREAM_SECTION_DATA), state,
+                  "reading data");
+            check(VELK_enumerate_data(h, 0, &cb, s, 0), state, "enumerate");
+            VELK_done_stream_section(h, 0, VELK_STREAM_SECTION_DATA);
+            VELK_done_stream(h, 0);
+        },
+        [](const std::string& raw) { return mmap_scan(raw, kSampleSize, 40); },
+        "enumeration saw other samples than were written");
+}
+
 // Describes the module records, adds `count` modules with a path and a name,
 // and closes.
 unsigned write_modules(const std::string& path, size_t count)
 {
-    unlink(path.c_str());
     velk_handle* h = nullptr;
-    unsigned st = VELK_open(&h, wide(path).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE);
+    unsigned st = create_file(path, &h);
     if (st != 0)
         return st;
     __velk_samprec_desc_entry desc[2];
@@ -292,59 +328,31 @@ void BM_AddModules(benchmark::State& state)
 {
     const size_t count = (size_t)state.range(0);
     const std::vector<unsigned char> bytes = module_bytes(count);
-    const std::string file = scratch_dir() + "/modules_add.vk7";
-    const std::string raw = scratch_dir() + "/modules_add.raw";
-    double velk_s = 0, base_s = 0;
-    for (auto _ : state) {
-        Clock::time_point t = Clock::now();
-        check(write_modules(file, count), state, "writing modules");
-        const double v = seconds_since(t);
-        t = Clock::now();
-        // One write per record, as the library gets one call per module.
-        raw_write(raw, bytes.data(), bytes.size(), sizeof(__VELK_module));
-        const double b = seconds_since(t);
-        state.SetIterationTime(v);
-        velk_s += v;
-        base_s += b;
-    }
-    report(state, velk_s, base_s, bytes.size());
-    unlink(file.c_str());
-    unlink(raw.c_str());
+    // One write per record, as the library gets one call per module.
+    run_add(
+        state, bytes, "modules_add", "writing modules",
+        [&](const std::string& file) { return write_modules(file, count); },
+        sizeof(__VELK_module));
 }
 
 void BM_EnumerateModules(benchmark::State& state)
 {
     const size_t count = (size_t)state.range(0);
     const std::vector<unsigned char> bytes = module_bytes(count);
-    const std::string file = scratch_dir() + "/modules_read.vk7";
-    const std::string raw = scratch_dir() + "/modules_read.raw";
-    check(write_modules(file, count), state, "writing modules");
-    raw_write(raw, bytes.data(), bytes.size(), bytes.size());
-    double velk_s = 0, base_s = 0;
-    for (auto _ : state) {
-        Clock::time_point t = Clock::now();
-        velk_handle* h = nullptr;
-        ScanSum s;
-        VELK_MODULE_CALLBACK cb = sum_modules;
-        check(VELK_open(&h, wide(file).c_str(), VELK_OPEN_READ), state, "open");
-        check(VELK_reading_section(h, VELK_SECTION_MODULE), state, "reading modules");
-        check(VELK_enumerate_modules(h, &cb, &s, 0), state, "enumerate");
-        VELK_done_section(h, VELK_SECTION_MODULE);
-        check(VELK_close(h), state, "close");
-        const double v = seconds_since(t);
-        t = Clock::now();
-        const uint64_t base_sum =
-            mmap_scan(raw, sizeof(__VELK_module), offsetof(__VELK_module, module_load_address));
-        const double b = seconds_since(t);
-        if (s.records != count || s.sum != base_sum)
-            state.SkipWithError("enumeration saw other modules than were written");
-        state.SetIterationTime(v);
-        velk_s += v;
-        base_s += b;
-    }
-    report(state, velk_s, base_s, bytes.size());
-    unlink(file.c_str());
-    unlink(raw.c_str());
+    run_enumerate(
+        state, count, bytes, "modules_read", "writing modules",
+        [&](const std::string& file) { return write_modules(file, count); },
+        [&](velk_handle* h, ScanSum* s) {
+            VELK_MODULE_CALLBACK cb = sum_modules;
+            check(VELK_reading_section(h, VELK_SECTION_MODULE), state, "reading modules");
+            check(VELK_enumerate_modules(h, &cb, s, 0), state, "enumerate");
+            VELK_done_section(h, VELK_SECTION_MODULE);
+        },
+        [](const std::string& raw) {
+            return mmap_scan(raw, sizeof(__VELK_module),
+                             offsetof(__VELK_module, module_load_address));
+        },
+        "enumeration saw other modules than were written");
 }
 
 BENCHMARK(BM_AddSamples)->Arg(100000)->Arg(1000000)->Arg(10000000)->UseManualTime()->Unit(benchmark::kMillisecond);

@@ -16,24 +16,40 @@ bool counted_by_bytes(const __VELK_stream_struct* node)
     return (node->stream_info.info.stream_type & ~8u) == 1;
 }
 
+// The start of both adds: something to add, a stream whose data section is
+// being written, and its store open. `first_call` is the call the refusal
+// names as missing.
+unsigned int begin_data_add(velk_class* s, unsigned int stream, bool nothing,
+                            const char* function, const char* first_call,
+                            __VELK_stream_struct** out)
+{
+    if (nothing) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>nothing to write!\n", s->instance, function);
+        return VELK_E_NOTHING_TO_WRITE;
+    }
+    __VELK_stream_struct* node = nullptr;
+    RETURN_IF_FAILED(s->utility_point_to_stream_index(stream, &node));
+    if (node->stream_section_state[VELK_STREAM_SECTION_DATA] != VELK_STATE_WRITING) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>%s was not first called!\n", s->instance,
+                function, first_call);
+        return VELK_E_NOT_WRITING;
+    }
+    if (node->data_store->handle == -1)
+        RETURN_IF_FAILED(s->helper_open_temp_data_file(stream));
+    *out = node;
+    return 0;
+}
+
 }  // namespace
 
 unsigned int velk_class::VELK_add_data(unsigned int stream, unsigned int size, void* data)
 {
     VELK_TRACE_ENTER("VELK_add_data");
-    if (data == nullptr || size == 0) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_data>nothing to write!\n", instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
     __VELK_stream_struct* node = nullptr;
-    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
-    if (node->stream_section_state[VELK_STREAM_SECTION_DATA] != VELK_STATE_WRITING) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_data>write_section was not first called!\n",
-                instance);
-        return VELK_E_NOT_WRITING;
-    }
-    if (node->data_store->handle == -1)
-        RETURN_IF_FAILED(helper_open_temp_data_file(stream));
+    const unsigned int status = begin_data_add(this, stream, data == nullptr || size == 0,
+                                               "VELK_add_data", "write_section", &node);
+    if (status != 0)
+        return status;
     // Any number of bytes: whole entries are only counted at close.
     RETURN_IF_FAILED(node->data_store->Append_To_File(data, size, VELK_OSI_SEEK_END, 0));
     VELK_TRACE_EXIT("VELK_add_data");
@@ -43,21 +59,12 @@ unsigned int velk_class::VELK_add_data(unsigned int stream, unsigned int size, v
 unsigned int velk_class::VELK_add_data_from_file(unsigned int stream, wchar_t* path)
 {
     VELK_TRACE_ENTER("VELK_add_data_from_file");
-    if (path == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_data_from_file>nothing to write!\n",
-                instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
     __VELK_stream_struct* node = nullptr;
-    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
-    if (node->stream_section_state[VELK_STREAM_SECTION_DATA] != VELK_STATE_WRITING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_add_data_from_file>read_section was not first called!\n",
-                instance);
-        return VELK_E_NOT_WRITING;
-    }
-    if (node->data_store->handle == -1)
-        RETURN_IF_FAILED(helper_open_temp_data_file(stream));
+    // The refusal of an add from a file names read_section.
+    const unsigned int refused = begin_data_add(this, stream, path == nullptr,
+                                                "VELK_add_data_from_file", "read_section", &node);
+    if (refused != 0)
+        return refused;
 
     char* utf8 = nullptr;
     VELK_convert_wcs_to_utf8_malloced(path, &utf8);
@@ -229,20 +236,18 @@ unsigned int velk_class::helper_map_data(unsigned int stream, unsigned long long
     // in the store.
     const bool in_file = sfs.length != 0 && store->handle == -1;
     const unsigned long long size = map->m_data_size;
+    // The read start counts bytes of a section walked in bytes, entries
+    // otherwise.
+    if (start >= (size == 0 ? sfs.length : sfs.number_entries)) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::helper_map_data>invalid read start!\n", instance);
+        return VELK_E_BAD_READ_START;
+    }
     unsigned long long offset;
     if (size == 0) {
-        if (start >= sfs.length) {
-            LOGIT_A(VELK_MASK_FAILURE, "<velk %u::helper_map_data>invalid read start!\n", instance);
-            return VELK_E_BAD_READ_START;
-        }
         const unsigned long long rest = sfs.length - start;
         map->Set_Entries(rest < VELK_MAP_WINDOW_MAX ? rest : VELK_MAP_WINDOW_MAX);
         offset = start;
     } else {
-        if (start >= sfs.number_entries) {
-            LOGIT_A(VELK_MASK_FAILURE, "<velk %u::helper_map_data>invalid read start!\n", instance);
-            return VELK_E_BAD_READ_START;
-        }
         // A count of entries that the section can't hold would take the
         // windows past its end.
         if (in_file && sfs.number_entries > sfs.length / size) {

@@ -57,6 +57,86 @@ bool append_records(velk_list_head* head, const unsigned char* data, unsigned lo
     return true;
 }
 
+// Adds one record to a list being written: a record with a name gets its
+// text into the string store first. The list is then due for writing, and
+// where `id` is asked for it gets the record's number from `next_id`.
+unsigned int append_descriptor(velk_class* s, velk_list_head* list, unsigned int* dirty,
+                               __velk_samprec_desc_entry* entry, unsigned int* id,
+                               unsigned int* next_id, const char* function)
+{
+    if (entry->name.id != 0)
+        RETURN_IF_FAILED(s->utility_add_string_to_temp_file(entry->name.text, &entry->name.id));
+    if (!velk_desc_list_append(list, entry)) {
+        LOG_CALLOC_FAILED(function);
+        return VELK_E_NO_MEMORY;
+    }
+    *dirty = 1;
+    if (id != nullptr) {
+        *id = *next_id;
+        *next_id += 1;
+    }
+    return 0;
+}
+
+// Loads a list from its section in the file: the records must lie inside the
+// section, which is mapped for the copy.
+unsigned int read_descriptor_section(velk_class* s, const __VELK_sample_file_section_vk6& sfs,
+                                     velk_list_head* list, const char* function)
+{
+    if (sfs.number_entries > sfs.length / kEntrySize) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>%llu descriptors don't fit in %llu bytes!\n",
+                s->instance, function, (unsigned long long)sfs.number_entries,
+                (unsigned long long)sfs.length);
+        return VELK_E_BAD_FILE;
+    }
+    __VELK_mmap_tracker map;
+    RETURN_IF_FAILED(s->helper_map_small_section(&map, sfs.file_offset, sfs.length));
+    unsigned int status = 0;
+    if (!append_records(list, map.m_data, sfs.number_entries)) {
+        LOG_CALLOC_FAILED(function);
+        status = VELK_E_NO_MEMORY;
+    }
+    RETURN_IF_FAILED(velk_class::helper_unmap_keeping_first(&map, status));
+    return 0;
+}
+
+// The start of every read of a stream's list: the stream, its section being
+// read, the list loaded and its flat copy made. `function` names the caller
+// in the refusal.
+unsigned int load_stream_descriptors(velk_class* s, unsigned int stream, const char* function,
+                                     __VELK_stream_struct** out)
+{
+    __VELK_stream_struct* node = nullptr;
+    RETURN_IF_FAILED(s->utility_point_to_stream_index(stream, &node));
+    if (node->stream_section_state[VELK_STREAM_SECTION_DATA_DESCRIPTION] != VELK_STATE_READING) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>read_section was not first called!\n",
+                s->instance, function);
+        return VELK_E_NOT_READING;
+    }
+    if (node->desc_list->next == node->desc_list)
+        RETURN_IF_FAILED(s->helper_get_data_descriptors_from_file(stream));
+    if (node->desc_buffer == nullptr)
+        RETURN_IF_FAILED(s->helper_copy_data_desc_into_buffer(stream));
+    *out = node;
+    return 0;
+}
+
+// The start of both walks of a stream's list, which share their refusal
+// text: the list loaded, and a callback to hand it to.
+unsigned int begin_descriptor_walk(velk_class* s, unsigned int stream,
+                                   VELK_DESCRIPTOR_CALLBACK* callback, __VELK_stream_struct** out)
+{
+    const unsigned int status =
+        load_stream_descriptors(s, stream, "VELK_enumerate_data_descriptor_entries", out);
+    if (status != 0)
+        return status;
+    if (callback == nullptr || *callback == nullptr) {
+        LOG_NULL_POINTER();
+        return VELK_E_BAD_POINTER;
+    }
+    return 0;
+}
+
 // How many records a group starting at `position` holds: up to the next
 // group head or the end. A version 5 list is one group.
 unsigned int group_size(const __velk_samprec_desc_entry* entries, unsigned int count,
@@ -99,13 +179,11 @@ unsigned int velk_class::VELK_add_data_descriptor_entry(unsigned int stream,
                 instance);
         return VELK_E_NOT_WRITING;
     }
-    if (entry->name.id != 0)
-        RETURN_IF_FAILED(utility_add_string_to_temp_file(entry->name.text, &entry->name.id));
-    if (!velk_desc_list_append(node->desc_list, entry)) {
-        LOG_CALLOC_FAILED("VELK_add_data_descriptor_entry");
-        return VELK_E_NO_MEMORY;
-    }
-    node->desc_dirty = 1;
+    const unsigned int status = append_descriptor(this, node->desc_list, &node->desc_dirty, entry,
+                                                  nullptr, nullptr,
+                                                  "VELK_add_data_descriptor_entry");
+    if (status != 0)
+        return status;
     // Stream 0 carries legacy samples; the close finds the entry again by
     // walking the list, so this is only a note.
     if (stream == 0 && entry->field_type == ST_LEGACY_SAMPLE_RECORD)
@@ -155,18 +233,9 @@ unsigned int velk_class::helper_add_data_descriptor_entry(__velk_samprec_desc_en
     }
     __VELK_stream_struct* node = nullptr;
     RETURN_IF_FAILED(utility_point_to_stream_index(0, &node));
-    if (entry->name.id != 0)
-        RETURN_IF_FAILED(utility_add_string_to_temp_file(entry->name.text, &entry->name.id));
-    if (!velk_desc_list_append(node->desc_list, entry)) {
-        LOG_CALLOC_FAILED("helper_add_data_descriptor_entry");
-        return VELK_E_NO_MEMORY;
-    }
-    node->desc_dirty = 1;
-    if (id != nullptr) {
-        *id = sections_ptr->next_stream_desc_id;
-        sections_ptr->next_stream_desc_id += 1;
-    }
-    return 0;
+    return append_descriptor(this, node->desc_list, &node->desc_dirty, entry, id,
+                             &sections_ptr->next_stream_desc_id,
+                             "helper_add_data_descriptor_entry");
 }
 
 unsigned int velk_class::VELK_add_global_section_descriptor(unsigned int section,
@@ -204,19 +273,10 @@ unsigned int velk_class::helper_add_global_descriptor_entry(__velk_samprec_desc_
         LOGIT_A(VELK_MASK_FAILURE, "<velk %u>nothing to write!\n", instance);
         return VELK_E_NOTHING_TO_WRITE;
     }
-    if (entry->name.id != 0)
-        RETURN_IF_FAILED(utility_add_string_to_temp_file(entry->name.text, &entry->name.id));
-    if (!velk_desc_list_append(sections_ptr->global_desc_list, entry)) {
-        LOG_CALLOC_FAILED("helper_add_global_descriptor_entry");
-        return VELK_E_NO_MEMORY;
-    }
-    sections_ptr->global_desc_dirty = 1;
     // The id is the record's index in the global list.
-    if (id != nullptr) {
-        *id = sections_ptr->next_global_desc_id;
-        sections_ptr->next_global_desc_id += 1;
-    }
-    return 0;
+    return append_descriptor(this, sections_ptr->global_desc_list, &sections_ptr->global_desc_dirty,
+                             entry, id, &sections_ptr->next_global_desc_id,
+                             "helper_add_global_descriptor_entry");
 }
 
 unsigned int velk_class::helper_get_section(unsigned int section,
@@ -352,22 +412,9 @@ unsigned int velk_class::VELK_enumerate_data_descriptor_entries(unsigned int str
 {
     VELK_TRACE_ENTER("VELK_enumerate_data_descriptor_entries");
     __VELK_stream_struct* node = nullptr;
-    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
-    if (node->stream_section_state[VELK_STREAM_SECTION_DATA_DESCRIPTION] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_enumerate_data_descriptor_entries>read_section was not first "
-                "called!\n",
-                instance);
-        return VELK_E_NOT_READING;
-    }
-    if (node->desc_list->next == node->desc_list)
-        RETURN_IF_FAILED(helper_get_data_descriptors_from_file(stream));
-    if (node->desc_buffer == nullptr)
-        RETURN_IF_FAILED(helper_copy_data_desc_into_buffer(stream));
-    if (callback == nullptr || *callback == nullptr) {
-        LOG_NULL_POINTER();
-        return VELK_E_BAD_POINTER;
-    }
+    const unsigned int status = begin_descriptor_walk(this, stream, callback, &node);
+    if (status != 0)
+        return status;
 
     const unsigned int count = node->desc_buffer_count;
     const unsigned int result =
@@ -390,23 +437,9 @@ unsigned int velk_class::VELK_enumerate_data_descriptors(unsigned int stream,
 {
     VELK_TRACE_ENTER("VELK_enumerate_data_descriptors");
     __VELK_stream_struct* node = nullptr;
-    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
-    // The group walk shares its refusal text with the whole-list walk.
-    if (node->stream_section_state[VELK_STREAM_SECTION_DATA_DESCRIPTION] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_enumerate_data_descriptor_entries>read_section was not first "
-                "called!\n",
-                instance);
-        return VELK_E_NOT_READING;
-    }
-    if (node->desc_list->next == node->desc_list)
-        RETURN_IF_FAILED(helper_get_data_descriptors_from_file(stream));
-    if (node->desc_buffer == nullptr)
-        RETURN_IF_FAILED(helper_copy_data_desc_into_buffer(stream));
-    if (callback == nullptr || *callback == nullptr) {
-        LOG_NULL_POINTER();
-        return VELK_E_BAD_POINTER;
-    }
+    const unsigned int status = begin_descriptor_walk(this, stream, callback, &node);
+    if (status != 0)
+        return status;
 
     __velk_samprec_desc_entry* entries = static_cast<__velk_samprec_desc_entry*>(node->desc_buffer);
     const unsigned int count = node->desc_buffer_count;
@@ -439,17 +472,10 @@ unsigned int velk_class::VELK_get_data_desc_table(unsigned int stream,
 {
     VELK_TRACE_ENTER("VELK_get_data_desc_table");
     __VELK_stream_struct* node = nullptr;
-    RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
-    if (node->stream_section_state[VELK_STREAM_SECTION_DATA_DESCRIPTION] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::helper_get_data_desc_table>read_section was not first called!\n",
-                instance);
-        return VELK_E_NOT_READING;
-    }
-    if (node->desc_list->next == node->desc_list)
-        RETURN_IF_FAILED(helper_get_data_descriptors_from_file(stream));
-    if (node->desc_buffer == nullptr)
-        RETURN_IF_FAILED(helper_copy_data_desc_into_buffer(stream));
+    const unsigned int status =
+        load_stream_descriptors(this, stream, "helper_get_data_desc_table", &node);
+    if (status != 0)
+        return status;
 
     __velk_samprec_desc_entry* entries = static_cast<__velk_samprec_desc_entry*>(node->desc_buffer);
     const unsigned int count = node->desc_buffer_count;
@@ -525,23 +551,10 @@ unsigned int velk_class::helper_get_data_descriptors_from_file(unsigned int stre
     RETURN_IF_FAILED(utility_point_to_stream_index(stream, &node));
     const __VELK_sample_file_section_vk6& sfs = node->data_description_section;
     if (sfs.length != 0) {
-        // The records must lie inside the section.
-        if (sfs.number_entries > sfs.length / kEntrySize) {
-            LOGIT_A(VELK_MASK_FAILURE,
-                    "<velk %u::helper_get_data_descriptors_from_file>%llu descriptors don't fit "
-                    "in %llu bytes!\n",
-                    instance, (unsigned long long)sfs.number_entries,
-                    (unsigned long long)sfs.length);
-            return VELK_E_BAD_FILE;
-        }
-        __VELK_mmap_tracker map;
-        RETURN_IF_FAILED(helper_map_small_section(&map, sfs.file_offset, sfs.length));
-        unsigned int status = 0;
-        if (!append_records(node->desc_list, map.m_data, sfs.number_entries)) {
-            LOG_CALLOC_FAILED("helper_get_data_descriptors_from_file");
-            status = VELK_E_NO_MEMORY;
-        }
-        RETURN_IF_FAILED(helper_unmap_keeping_first(&map, status));
+        const unsigned int status = read_descriptor_section(
+            this, sfs, node->desc_list, "helper_get_data_descriptors_from_file");
+        if (status != 0)
+            return status;
     } else {
         if (stream == 0)
             RETURN_IF_FAILED(helper_generate_data_descriptors_from_legacy(0));
@@ -556,23 +569,13 @@ unsigned int velk_class::helper_get_data_descriptors_from_file(unsigned int stre
 unsigned int velk_class::helper_get_global_data_descriptors_from_file()
 {
     VELK_TRACE_ENTER("helper_get_global_data_descriptors_from_file");
-    const __VELK_sample_file_section_vk6& sfs = sections_ptr->sfs_global_descriptor;
-    if (sfs.number_entries > sfs.length / kEntrySize) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::helper_get_global_data_descriptors_from_file>%llu descriptors don't "
-                "fit in %llu bytes!\n",
-                instance, (unsigned long long)sfs.number_entries, (unsigned long long)sfs.length);
-        return VELK_E_BAD_FILE;
-    }
     // An empty section can't be mapped, and says so.
-    __VELK_mmap_tracker map;
-    RETURN_IF_FAILED(helper_map_small_section(&map, sfs.file_offset, sfs.length));
-    unsigned int status = 0;
-    if (!append_records(sections_ptr->global_desc_list, map.m_data, sfs.number_entries)) {
-        LOG_CALLOC_FAILED("helper_get_global_data_descriptors_from_file");
-        status = VELK_E_NO_MEMORY;
-    }
-    RETURN_IF_FAILED(helper_unmap_keeping_first(&map, status));
+    const unsigned int status =
+        read_descriptor_section(this, sections_ptr->sfs_global_descriptor,
+                                sections_ptr->global_desc_list,
+                                "helper_get_global_data_descriptors_from_file");
+    if (status != 0)
+        return status;
     VELK_TRACE_EXIT("helper_get_global_data_descriptors_from_file");
     return 0;
 }

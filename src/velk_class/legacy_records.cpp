@@ -96,6 +96,60 @@ unsigned int remove_update_file(long long* handle, const char* path, unsigned in
     return status != 0 ? status : closed;
 }
 
+// Refuses a write without a record.
+unsigned int nothing_to_write(velk_class* s, const char* function)
+{
+    LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>nothing to write!\n", s->instance, function);
+    return VELK_E_NOTHING_TO_WRITE;
+}
+
+// Counts a new process or thread record in its section and fills the fields
+// the two kinds share; the record's index is its place in the section.
+template <typename Legacy>
+void start_legacy_record(Legacy* legacy, unsigned int size, __VELK_sample_file_section_vk6* sfs,
+                         uint32_t flags, uint32_t os_id, uint64_t when)
+{
+    sfs->number_entries += 1;
+    memset(legacy, 0, sizeof(*legacy));
+    legacy->record_size = (uint16_t)size;
+    legacy->record_flags = (uint8_t)(flags & kRecordFlagCarried);
+    legacy->os_id = os_id;
+    legacy->record_index = (uint32_t)(sfs->number_entries - 1);
+    legacy->event_delta = (uint32_t)when;
+}
+
+// True, logged, when an offset pass lacks one of its arguments.
+bool offset_pass_arguments_missing(const void* records, const long long* handle,
+                                   const char* path, const unsigned int* next_offset,
+                                   unsigned int count)
+{
+    if (handle == nullptr || path == nullptr || next_offset == nullptr ||
+        (records == nullptr && count != 0)) {
+        LOG_NULL_POINTER();
+        return true;
+    }
+    return false;
+}
+
+// The first window of an offset pass opens the update file; the first text
+// follows the last record of the store.
+unsigned int begin_offset_pass(velk_class* s, const char* function, long long* handle,
+                               const char* path, unsigned int* next_offset,
+                               FILE_INFO_NODE* records)
+{
+    if (*handle == -1) {
+        *handle = VELK_OSI_Open_File(path, VELK_STORE_OPEN_MODE);
+        if (*handle == -1) {
+            LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>VELK_OSI_Open_File failed\n", s->instance,
+                    function);
+            return VELK_E_OPEN_FAILED;
+        }
+    }
+    if (*next_offset == 0)
+        *next_offset = (unsigned int)records->Size();
+    return 0;
+}
+
 // The end of a legacy section with texts: the descriptor into the
 // section table, the corrected records, then the texts with the marker.
 unsigned int write_records_and_texts(velk_class* s, __VELK_sample_file_section_vk6* sfs,
@@ -117,28 +171,92 @@ unsigned int write_records_and_texts(velk_class* s, __VELK_sample_file_section_v
     return 0;
 }
 
+// Writes a legacy section with texts at close. The records store is walked
+// window by window; `pass` gives the records of a window their text offsets
+// and appends the corrected copies to the update file, which then goes into
+// the sample file in front of the texts. Sizes, positions and counts of the
+// walk are held in `Size`. The window is the 32 MiB limit divided by the
+// number of records, not by their size; an empty store has nothing to walk,
+// whatever the count. A window that fails to map ends the walk with the
+// update file removed, or, with `keep_update_on_map_failure`, ends the writer
+// on the spot: nothing reaches the file and the update file stays on disk,
+// its descriptor and the tracker let go so that nothing else leaks.
+template <typename Size, typename Record>
+unsigned int write_legacy_section_with_texts(
+    velk_class* s, const char* function, char* update_path, FILE_INFO_NODE* records,
+    unsigned int record_size,
+    unsigned int (velk_class::*pass)(Record*, long long*, unsigned int, char*, unsigned int*),
+    bool keep_update_on_map_failure, __VELK_sample_file_section_vk6* sfs, unsigned int kind,
+    FILE_INFO_NODE* strings, const char* marker)
+{
+    const Size total = (Size)records->Size();
+    const Size count = (Size)sfs->number_entries;
+    const Size chunk = count != 0 ? (Size)(VELK_MAP_WINDOW_MAX / count) : 0;
+    const Size chunk_bytes = chunk * record_size;
+
+    __VELK_mmap_tracker* map = new (std::nothrow) __VELK_mmap_tracker();
+    if (map == nullptr) {
+        LOG_NULL_POINTER_AT(function);
+        return VELK_E_NO_MEMORY;
+    }
+    map->Set_Data_Size(1);
+
+    long long update = -1;
+    unsigned int next_offset = 0;
+    Size position = 0;
+    Size done = 0;
+    unsigned int status = 0;
+    while (position < total) {
+        const Size remainder = total - position;
+        const bool last = remainder <= chunk_bytes;
+        const Size bytes = last ? remainder : chunk_bytes;
+        const Size wanted = last ? (count > done ? count - done : 0) : chunk;
+        map->Set_Entries(bytes);
+        status = map->Map_File(records->handle, 0, position);
+        if (status != 0) {
+            LOG_FAILED_STATUS(status);
+            if (!keep_update_on_map_failure)
+                break;
+            if (update != -1)
+                VELK_OSI_Close_Handle(update, 0);
+            delete map;
+            return status;
+        }
+        status = (s->*pass)(reinterpret_cast<Record*>(map->m_current), &update,
+                            records_in_window(s, function, wanted, bytes, record_size),
+                            update_path, &next_offset);
+        if (status != 0)
+            LOG_FAILED_STATUS(status);
+        status = velk_class::helper_unmap_keeping_first(map, status);
+        if (status != 0 || last)
+            break;
+        position += chunk_bytes;
+        done += chunk;
+    }
+
+    if (status == 0) {
+        status = write_records_and_texts(s, sfs, kind, record_size, records->Size(), strings,
+                                         update, marker);
+        if (status != 0)
+            LOG_FAILED_STATUS(status);
+    }
+    delete map;
+    return remove_update_file(&update, update_path, status);
+}
+
 }  // namespace
 
 unsigned int velk_class::write_to_legacy_temp_file_pid(__VELK_pid* record)
 {
     VELK_TRACE_ENTER("write_to_legacy_temp_file_pid");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::write_to_legacy_temp_file_pid>nothing to write!\n",
-                instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
+    if (record == nullptr)
+        return nothing_to_write(this, "write_to_legacy_temp_file_pid");
     velk_section_block* s = sections_ptr;
     RETURN_IF_FAILED(s->legacy_pid_record_store->Open_Temp_File(temp_path, -1));
     RETURN_IF_FAILED(s->legacy_pr_strings_store->Open_Temp_File(temp_path, -1));
-    s->sfs_legacy_pid_record.number_entries += 1;
-
     PidRecord_s legacy;
-    memset(&legacy, 0, sizeof(legacy));
-    legacy.record_size = kPidRecordSize;
-    legacy.record_flags = (uint8_t)(record->pid_flags & kRecordFlagCarried);
-    legacy.os_id = record->pid_id;
-    legacy.record_index = (uint32_t)(s->sfs_legacy_pid_record.number_entries - 1);
-    legacy.event_delta = (uint32_t)record->pid_event_when;
+    start_legacy_record(&legacy, kPidRecordSize, &s->sfs_legacy_pid_record, record->pid_flags,
+                        record->pid_id, record->pid_event_when);
 
     // The text is the path; the name is found inside it by its offset, taken
     // as the plain difference of the lengths whether or not the name is the
@@ -176,22 +294,13 @@ unsigned int velk_class::write_to_legacy_temp_file_pid(__VELK_pid* record)
 unsigned int velk_class::write_to_legacy_temp_file_tid(__VELK_tid* record)
 {
     VELK_TRACE_ENTER("write_to_legacy_temp_file_tid");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::write_to_legacy_temp_file_tid>nothing to write!\n",
-                instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
+    if (record == nullptr)
+        return nothing_to_write(this, "write_to_legacy_temp_file_tid");
     velk_section_block* s = sections_ptr;
     RETURN_IF_FAILED(s->legacy_tid_store->Open_Temp_File(final_file_name, -1));
-    s->sfs_legacy_tid_record.number_entries += 1;
-
     velk_legacy_tid_record legacy;
-    memset(&legacy, 0, sizeof(legacy));
-    legacy.record_size = kTidRecordSize;
-    legacy.record_flags = (uint8_t)(record->tid_flags & kRecordFlagCarried);
-    legacy.os_id = record->tid_id;
-    legacy.record_index = (uint32_t)(s->sfs_legacy_tid_record.number_entries - 1);
-    legacy.event_delta = (uint32_t)record->tid_event_when;
+    start_legacy_record(&legacy, kTidRecordSize, &s->sfs_legacy_tid_record, record->tid_flags,
+                        record->tid_id, record->tid_event_when);
     legacy.process_word = record->tid_pid;
     RETURN_IF_FAILED(s->legacy_tid_store->Append_To_File(&legacy, sizeof(legacy),
                                                          VELK_OSI_SEEK_END, 0));
@@ -202,11 +311,8 @@ unsigned int velk_class::write_to_legacy_temp_file_tid(__VELK_tid* record)
 unsigned int velk_class::write_to_legacy_temp_file_module(__VELK_module* record)
 {
     VELK_TRACE_ENTER("write_to_legacy_temp_file_module");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::write_to_legacy_temp_file_module>nothing to write!\n", instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
+    if (record == nullptr)
+        return nothing_to_write(this, "write_to_legacy_temp_file_module");
     velk_legacy_module_record* legacy =
         static_cast<velk_legacy_module_record*>(calloc(1, kModuleRecordSize));
     if (legacy == nullptr) {
@@ -313,23 +419,13 @@ unsigned int velk_class::helper_update_pid_string_offsets(PidRecord_s* records, 
                                                           unsigned int* next_offset)
 {
     VELK_TRACE_ENTER("helper_update_pid_string_offsets");
-    if (handle == nullptr || path == nullptr || next_offset == nullptr ||
-        (records == nullptr && count != 0)) {
-        LOG_NULL_POINTER();
+    if (offset_pass_arguments_missing(records, handle, path, next_offset, count))
         return VELK_E_NULL_POINTER;
-    }
-    if (*handle == -1) {
-        *handle = VELK_OSI_Open_File(path, VELK_STORE_OPEN_MODE);
-        if (*handle == -1) {
-            LOGIT_A(VELK_MASK_FAILURE,
-                    "<velk %u::helper_update_pid_string_offsets>VELK_OSI_Open_File failed\n",
-                    instance);
-            return VELK_E_OPEN_FAILED;
-        }
-    }
-    // The first text follows the last record.
-    if (*next_offset == 0)
-        *next_offset = (unsigned int)sections_ptr->legacy_pid_record_store->Size();
+    const unsigned int status =
+        begin_offset_pass(this, "helper_update_pid_string_offsets", handle, path, next_offset,
+                          sections_ptr->legacy_pid_record_store);
+    if (status != 0)
+        return status;
 
     // The window may start anywhere in the store: records are copied out
     // rather than read in place.
@@ -355,11 +451,8 @@ unsigned int velk_class::helper_update_module_string_offsets(char* records, long
                                                              unsigned int* next_offset)
 {
     VELK_TRACE_ENTER("helper_update_module_string_offsets");
-    if (handle == nullptr || path == nullptr || next_offset == nullptr ||
-        (records == nullptr && count != 0)) {
-        LOG_NULL_POINTER();
+    if (offset_pass_arguments_missing(records, handle, path, next_offset, count))
         return VELK_E_NULL_POINTER;
-    }
     velk_legacy_module_record* copy =
         static_cast<velk_legacy_module_record*>(calloc(1, kModuleRecordSize));
     if (copy == nullptr) {
@@ -367,22 +460,16 @@ unsigned int velk_class::helper_update_module_string_offsets(char* records, long
         LOG_NULL_POINTER_AT("helper_update_module_string_offsets");
         return VELK_E_NO_MEMORY;
     }
-    if (*handle == -1) {
-        *handle = VELK_OSI_Open_File(path, VELK_STORE_OPEN_MODE);
-        if (*handle == -1) {
-            LOGIT_A(VELK_MASK_FAILURE,
-                    "<velk %u::helper_update_module_string_offsets>VELK_OSI_Open_File failed\n",
-                    instance);
-            free(copy);
-            return VELK_E_OPEN_FAILED;
-        }
+    unsigned int status = begin_offset_pass(this, "helper_update_module_string_offsets", handle,
+                                            path, next_offset,
+                                            sections_ptr->legacy_module_record_store);
+    if (status != 0) {
+        free(copy);
+        return status;
     }
-    if (*next_offset == 0)
-        *next_offset = (unsigned int)sections_ptr->legacy_module_record_store->Size();
 
     // Only a write that answers all ones counts as failed here; a failed
     // seek ends the pass with what the last write answered.
-    unsigned int status = 0;
     for (unsigned int i = 0; i < count; ++i) {
         memcpy(copy, records + (size_t)i * kModuleRecordSize, kModuleRecordSize);
         copy->string_offset = *next_offset;
@@ -415,61 +502,11 @@ unsigned int velk_class::write_to_file_legacy_pid_section()
     RETURN_IF_FAILED(snprintf_safe(update_path, sizeof(update_path), "%s_%s", final_file_name,
                                    "leg_pr_updated.tmp"));
     legacy_header.legacy_sections_written |= kWrotePidOrModuleSection;
-
-    FILE_INFO_NODE* records = s->legacy_pid_record_store;
-    const unsigned long long total = records->Size();
-    const unsigned long long count = s->sfs_legacy_pid_record.number_entries;
-    // The window is the 32 MiB limit divided by the number of records, not by
-    // their size. An empty store has nothing to walk, whatever the count.
-    const unsigned long long chunk = count != 0 ? VELK_MAP_WINDOW_MAX / count : 0;
-    const unsigned long long chunk_bytes = chunk * kPidRecordSize;
-
-    __VELK_mmap_tracker* map = new (std::nothrow) __VELK_mmap_tracker();
-    if (map == nullptr) {
-        LOG_NULL_POINTER_AT("write_to_file_legacy_pid_section");
-        return VELK_E_NO_MEMORY;
-    }
-    map->Set_Data_Size(1);
-
-    long long update = -1;
-    unsigned int next_offset = 0;
-    unsigned long long position = 0;
-    unsigned long long done = 0;
-    unsigned int status = 0;
-    while (position < total) {
-        const unsigned long long remainder = total - position;
-        const bool last = remainder <= chunk_bytes;
-        const unsigned long long bytes = last ? remainder : chunk_bytes;
-        const unsigned long long wanted = last ? (count > done ? count - done : 0) : chunk;
-        map->Set_Entries(bytes);
-        status = map->Map_File(records->handle, 0, position);
-        if (status != 0) {
-            LOG_FAILED_STATUS(status);
-            break;
-        }
-        status = helper_update_pid_string_offsets(
-            reinterpret_cast<PidRecord_s*>(map->m_current), &update,
-            records_in_window(this, "write_to_file_legacy_pid_section", wanted, bytes,
-                              kPidRecordSize),
-            update_path, &next_offset);
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-        status = helper_unmap_keeping_first(map, status);
-        if (status != 0 || last)
-            break;
-        position += chunk_bytes;
-        done += chunk;
-    }
-
-    if (status == 0) {
-        status = write_records_and_texts(this, &s->sfs_legacy_pid_record, KIND_LEGACY_PID_RECORD,
-                                         kPidRecordSize, total, s->legacy_pr_strings_store, update,
-                                         "end legacy pid strings");
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-    }
-    delete map;
-    status = remove_update_file(&update, update_path, status);
+    const unsigned int status = write_legacy_section_with_texts<unsigned long long>(
+        this, "write_to_file_legacy_pid_section", update_path, s->legacy_pid_record_store,
+        kPidRecordSize, &velk_class::helper_update_pid_string_offsets, false,
+        &s->sfs_legacy_pid_record, KIND_LEGACY_PID_RECORD, s->legacy_pr_strings_store,
+        "end legacy pid strings");
     if (status != 0)
         return status;
     VELK_TRACE_EXIT("write_to_file_legacy_pid_section");
@@ -504,68 +541,13 @@ unsigned int velk_class::write_to_file_legacy_module_section()
     RETURN_IF_FAILED(strcat_safe(update_path, sizeof(update_path), "_"));
     RETURN_IF_FAILED(strcat_safe(update_path, sizeof(update_path), "leg_mr_updated.tmp"));
     legacy_header.legacy_sections_written |= kWrotePidOrModuleSection;
-
     // Sizes and positions of this pass are 32-bit: a records store of 4 GiB
     // or more is not handled.
-    FILE_INFO_NODE* records = s->legacy_module_record_store;
-    const unsigned int total = (unsigned int)records->Size();
-    const unsigned int count = (unsigned int)s->sfs_legacy_module_record.number_entries;
-    const unsigned int chunk = count != 0 ? (unsigned int)(VELK_MAP_WINDOW_MAX / count) : 0;
-    const unsigned int chunk_bytes = chunk * kModuleRecordSize;
-
-    __VELK_mmap_tracker* map = new (std::nothrow) __VELK_mmap_tracker();
-    if (map == nullptr) {
-        LOG_NULL_POINTER_AT("write_to_file_legacy_module_section");
-        return VELK_E_NO_MEMORY;
-    }
-    map->Set_Data_Size(1);
-
-    long long update = -1;
-    unsigned int next_offset = 0;
-    unsigned int position = 0;
-    unsigned int done = 0;
-    unsigned int status = 0;
-    while (position < total) {
-        const unsigned int remainder = total - position;
-        const bool last = remainder <= chunk_bytes;
-        const unsigned int bytes = last ? remainder : chunk_bytes;
-        const unsigned int wanted = last ? (count > done ? count - done : 0) : chunk;
-        map->Set_Entries(bytes);
-        status = map->Map_File(records->handle, 0, position);
-        if (status != 0) {
-            // A failed window ends the writer on the spot: nothing reaches
-            // the file, and the update file stays on disk. Its descriptor
-            // and the tracker are let go so that nothing else leaks.
-            LOG_FAILED_STATUS(status);
-            if (update != -1)
-                VELK_OSI_Close_Handle(update, 0);
-            delete map;
-            return status;
-        }
-        status = helper_update_module_string_offsets(
-            reinterpret_cast<char*>(map->m_current), &update,
-            records_in_window(this, "write_to_file_legacy_module_section", wanted, bytes,
-                              kModuleRecordSize),
-            update_path, &next_offset);
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-        status = helper_unmap_keeping_first(map, status);
-        if (status != 0 || last)
-            break;
-        position += chunk_bytes;
-        done += chunk;
-    }
-
-    if (status == 0) {
-        status = write_records_and_texts(this, &s->sfs_legacy_module_record,
-                                         KIND_LEGACY_MODULE_RECORD, kModuleRecordSize,
-                                         records->Size(), s->legacy_module_strings_store, update,
-                                         "end legacy module strings");
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-    }
-    delete map;
-    status = remove_update_file(&update, update_path, status);
+    const unsigned int status = write_legacy_section_with_texts<unsigned int>(
+        this, "write_to_file_legacy_module_section", update_path, s->legacy_module_record_store,
+        kModuleRecordSize, &velk_class::helper_update_module_string_offsets, true,
+        &s->sfs_legacy_module_record, KIND_LEGACY_MODULE_RECORD, s->legacy_module_strings_store,
+        "end legacy module strings");
     if (status != 0)
         return status;
     VELK_TRACE_EXIT("write_to_file_legacy_module_section");

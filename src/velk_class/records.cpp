@@ -30,16 +30,18 @@ constexpr unsigned char kLegacyCarriedFlag = 0x01;  // record flags bit 0
 constexpr unsigned char kLegacyTime64 = 0x08;       // record flags bit 3
 constexpr unsigned int kFlagTime64 = 0x10;          // new flags: time came from 64 bits
 
-// The chunked walk of a record section: the window that holds read_start,
-// then window after window for as long as the callback answers 1.
+// The chunked walk of a record section, by records of `record_size` bytes:
+// the window that holds read_start, then window after window for as long as
+// the callback answers 1.
 template <typename Record>
-unsigned int enumerate_by_chunks(velk_class* s, __VELK_mmap_tracker* map,
+unsigned int enumerate_by_chunks(velk_class* s, __VELK_mmap_tracker* map, unsigned int record_size,
                                  unsigned int (velk_class::*map_from)(unsigned long long),
                                  unsigned long long total,
                                  unsigned (**callback)(Record*, unsigned, unsigned, void*),
                                  void* context, unsigned long long read_start,
                                  const char* error_format)
 {
+    map->Set_Data_Size(record_size);
     if (callback == nullptr || *callback == nullptr) {
         LOG_NULL_POINTER();
         return VELK_E_BAD_POINTER;
@@ -83,6 +85,40 @@ unsigned int write_record_section(velk_class* s, __VELK_sample_file_section_vk6*
     return 0;
 }
 
+// The start of every add: a record, its section being written, and the
+// record counted and written in its legacy form.
+template <typename Record>
+unsigned int begin_add(velk_class* s, Record* record, unsigned int section,
+                       __VELK_sample_file_section_vk6* sfs,
+                       unsigned int (velk_class::*write_legacy)(Record*), const char* function)
+{
+    if (record == nullptr) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>nothing to write!\n", s->instance, function);
+        return VELK_E_NOTHING_TO_WRITE;
+    }
+    if (s->sections_ptr->section_state[section] != VELK_STATE_WRITING) {
+        LOGIT_A(VELK_MASK_FAILURE,
+                "<velk %u::%s>this section already exists or write_section was not first "
+                "called!\n",
+                s->instance, function);
+        return VELK_E_NOT_WRITING;
+    }
+    sfs->number_entries += 1;
+    RETURN_IF_FAILED((s->*write_legacy)(record));
+    return 0;
+}
+
+// Refuses an enumeration outside a read of its section.
+unsigned int check_reading(velk_class* s, unsigned int section, const char* function)
+{
+    if (s->sections_ptr->section_state[section] != VELK_STATE_READING) {
+        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::%s>read_section was not first called!\n",
+                s->instance, function);
+        return VELK_E_NOT_READING;
+    }
+    return 0;
+}
+
 // One translation of a legacy section into a store of new records. The whole
 // legacy section, records and texts, is looked at through one window.
 class legacy_translation {
@@ -123,10 +159,19 @@ public:
         return 0;
     }
 
-    unsigned long long count() const { return legacy_.number_entries; }
-    const unsigned char* record(unsigned long long index) const
+    // Begins, hands each record in turn to `each(index, record)`, which
+    // gives its status, and finishes; a failed record ends the walk.
+    template <typename Legacy, typename Each>
+    unsigned int run(Each each)
     {
-        return map_.m_current + index * stride_;
+        RETURN_IF_FAILED(begin());
+        unsigned int status = 0;
+        for (unsigned long long i = 0; i < legacy_.number_entries && status == 0; ++i) {
+            Legacy r;
+            memcpy(&r, map_.m_current + i * stride_, sizeof(r));
+            status = each(i, r);
+        }
+        return finish(status);
     }
 
     // The text of `length` bytes at `offset` from the section's start, with a
@@ -243,22 +288,13 @@ unsigned copy_first_pid(__VELK_pid* records, unsigned, unsigned, void*)
 unsigned int velk_class::VELK_add_process(__VELK_pid* record)
 {
     VELK_TRACE_ENTER("VELK_add_process");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_process>nothing to write!\n", instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
-    if (sections_ptr->section_state[VELK_SECTION_PROCESS] != VELK_STATE_WRITING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_add_process>this section already exists or write_section was not "
-                "first called!\n",
-                instance);
-        return VELK_E_NOT_WRITING;
-    }
-    __VELK_sample_file_section_vk6* sfs = &sections_ptr->sfs_pid;
-    sfs->number_entries += 1;
     // The legacy record carries its own text, so it goes first, while the
     // strings are still wide.
-    RETURN_IF_FAILED(write_to_legacy_temp_file_pid(record));
+    const unsigned int status =
+        begin_add(this, record, VELK_SECTION_PROCESS, &sections_ptr->sfs_pid,
+                  &velk_class::write_to_legacy_temp_file_pid, "VELK_add_process");
+    if (status != 0)
+        return status;
     // Path and name are turned into ids together or not at all.
     if (record->pid_name.text != nullptr && record->pid_path.text != nullptr) {
         __string_or_id* path = &record->pid_path;
@@ -268,7 +304,7 @@ unsigned int velk_class::VELK_add_process(__VELK_pid* record)
     }
     FILE_INFO_NODE* store = sections_ptr->new_pid_store;
     RETURN_IF_FAILED(store->Open_Temp_File(temp_path, -1));
-    record->reserved_for_legacy = (uint32_t)(sfs->number_entries - 1);
+    record->reserved_for_legacy = (uint32_t)(sections_ptr->sfs_pid.number_entries - 1);
     RETURN_IF_FAILED(store->Append_To_File(record, kPidRecordSize, VELK_OSI_SEEK_END, 0));
     VELK_TRACE_EXIT("VELK_add_process");
     return 0;
@@ -277,24 +313,15 @@ unsigned int velk_class::VELK_add_process(__VELK_pid* record)
 unsigned int velk_class::VELK_add_thread(__VELK_tid* record)
 {
     VELK_TRACE_ENTER("VELK_add_thread");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_thread>nothing to write!\n", instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
-    if (sections_ptr->section_state[VELK_SECTION_THREAD] != VELK_STATE_WRITING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_add_thread>this section already exists or write_section was not "
-                "first called!\n",
-                instance);
-        return VELK_E_NOT_WRITING;
-    }
-    __VELK_sample_file_section_vk6* sfs = &sections_ptr->sfs_tid;
-    sfs->number_entries += 1;
-    RETURN_IF_FAILED(write_to_legacy_temp_file_tid(record));
+    const unsigned int status =
+        begin_add(this, record, VELK_SECTION_THREAD, &sections_ptr->sfs_tid,
+                  &velk_class::write_to_legacy_temp_file_tid, "VELK_add_thread");
+    if (status != 0)
+        return status;
     RETURN_IF_FAILED(utility_add_string_to_temp_file(record->tid_name.text, &record->tid_name.id));
     FILE_INFO_NODE* store = sections_ptr->new_tid_store;
     RETURN_IF_FAILED(store->Open_Temp_File(temp_path, -1));
-    record->reserved_for_legacy = (uint32_t)(sfs->number_entries - 1);
+    record->reserved_for_legacy = (uint32_t)(sections_ptr->sfs_tid.number_entries - 1);
     RETURN_IF_FAILED(store->Append_To_File(record, kTidRecordSize, VELK_OSI_SEEK_END, 0));
     VELK_TRACE_EXIT("VELK_add_thread");
     return 0;
@@ -303,20 +330,11 @@ unsigned int velk_class::VELK_add_thread(__VELK_tid* record)
 unsigned int velk_class::VELK_add_module(__VELK_module* record)
 {
     VELK_TRACE_ENTER("VELK_add_module");
-    if (record == nullptr) {
-        LOGIT_A(VELK_MASK_FAILURE, "<velk %u::VELK_add_module>nothing to write!\n", instance);
-        return VELK_E_NOTHING_TO_WRITE;
-    }
-    if (sections_ptr->section_state[VELK_SECTION_MODULE] != VELK_STATE_WRITING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_add_module>this section already exists or write_section was not "
-                "first called!\n",
-                instance);
-        return VELK_E_NOT_WRITING;
-    }
-    __VELK_sample_file_section_vk6* sfs = &sections_ptr->sfs_module;
-    sfs->number_entries += 1;
-    RETURN_IF_FAILED(write_to_legacy_temp_file_module(record));
+    const unsigned int status =
+        begin_add(this, record, VELK_SECTION_MODULE, &sections_ptr->sfs_module,
+                  &velk_class::write_to_legacy_temp_file_module, "VELK_add_module");
+    if (status != 0)
+        return status;
     for (__string_or_id* text : {&record->module_path, &record->module_name, &record->module_extra})
         RETURN_IF_FAILED(utility_add_string_to_temp_file(text->text, &text->id));
     // The process index is bind's to fill in.
@@ -332,16 +350,13 @@ unsigned int velk_class::VELK_enumerate_processes(VELK_PROCESS_CALLBACK* callbac
                                                   unsigned long long read_start)
 {
     VELK_TRACE_ENTER("VELK_enumerate_processes");
-    if (sections_ptr->section_state[VELK_SECTION_PROCESS] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_enumerate_processes>read_section was not first called!\n",
-                instance);
-        return VELK_E_NOT_READING;
-    }
-    pid_map.Set_Data_Size(kPidRecordSize);
+    const unsigned int status =
+        check_reading(this, VELK_SECTION_PROCESS, "VELK_enumerate_processes");
+    if (status != 0)
+        return status;
     RETURN_IF_FAILED(enumerate_by_chunks(
-        this, &pid_map, &velk_class::helper_map_velk_pids, sections_ptr->sfs_pid.number_entries,
-        callback, context, read_start,
+        this, &pid_map, kPidRecordSize, &velk_class::helper_map_velk_pids,
+        sections_ptr->sfs_pid.number_entries, callback, context, read_start,
         "<velk %u::VELK_enumerate_processes>callback returned an error, exiting with value %d\n"));
     VELK_TRACE_EXIT("VELK_enumerate_processes");
     return 0;
@@ -351,16 +366,13 @@ unsigned int velk_class::VELK_enumerate_threads(VELK_THREAD_CALLBACK* callback, 
                                                 unsigned long long read_start)
 {
     VELK_TRACE_ENTER("VELK_enumerate_threads");
-    if (sections_ptr->section_state[VELK_SECTION_THREAD] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_enumerate_threads>read_section was not first called!\n", instance);
-        return VELK_E_NOT_READING;
-    }
-    tid_map.Set_Data_Size(kTidRecordSize);
+    const unsigned int status = check_reading(this, VELK_SECTION_THREAD, "VELK_enumerate_threads");
+    if (status != 0)
+        return status;
     // The error line names processes for threads too.
     RETURN_IF_FAILED(enumerate_by_chunks(
-        this, &tid_map, &velk_class::helper_map_velk_tids, sections_ptr->sfs_tid.number_entries,
-        callback, context, read_start,
+        this, &tid_map, kTidRecordSize, &velk_class::helper_map_velk_tids,
+        sections_ptr->sfs_tid.number_entries, callback, context, read_start,
         "<velk %u::VELK_enumerate_processes>callback returned an error, exiting with value %d\n"));
     VELK_TRACE_EXIT("VELK_enumerate_threads");
     return 0;
@@ -370,11 +382,9 @@ unsigned int velk_class::VELK_enumerate_modules(VELK_MODULE_CALLBACK* callback, 
                                                 unsigned long long read_start)
 {
     VELK_TRACE_ENTER("VELK_enumerate_modules");
-    if (sections_ptr->section_state[VELK_SECTION_MODULE] != VELK_STATE_READING) {
-        LOGIT_A(VELK_MASK_FAILURE,
-                "<velk %u::VELK_enumerate_modules>read_section was not first called!\n", instance);
-        return VELK_E_NOT_READING;
-    }
+    const unsigned int status = check_reading(this, VELK_SECTION_MODULE, "VELK_enumerate_modules");
+    if (status != 0)
+        return status;
     // Without module descriptors there is no record size to walk by.
     const unsigned int size = VELK_get_module_record_size();
     if (size == 0) {
@@ -382,9 +392,8 @@ unsigned int velk_class::VELK_enumerate_modules(VELK_MODULE_CALLBACK* callback, 
                 instance);
         return VELK_E_NO_DESCRIPTORS;
     }
-    module_map.Set_Data_Size(size);
     RETURN_IF_FAILED(enumerate_by_chunks(
-        this, &module_map, &velk_class::helper_map_velk_modules,
+        this, &module_map, size, &velk_class::helper_map_velk_modules,
         sections_ptr->sfs_module.number_entries, callback, context, read_start,
         "<velk %u::VELK_enumerate_modules>callback returned an error, exiting with value %d\n"));
     VELK_TRACE_EXIT("VELK_enumerate_modules");
@@ -491,35 +500,31 @@ unsigned int velk_class::helper_get_pid_info_from_file()
     VELK_TRACE_ENTER("helper_get_pid_info_from_file");
     legacy_translation t(this, "helper_get_pid_info_from_file", sections_ptr->sfs_legacy_pid_record,
                          kLegacyPidStride, &sections_ptr->sfs_pid, sections_ptr->new_pid_store);
-    RETURN_IF_FAILED(t.begin());
-    unsigned int status = 0;
-    for (unsigned long long i = 0; i < t.count() && status == 0; ++i) {
-        PidRecord_s r;
-        memcpy(&r, t.record(i), sizeof(r));
-        __VELK_pid p;
-        memset(&p, 0, sizeof(p));
-        p.pid_size = kPidRecordSize;
-        p.pid_id = r.os_id;
-        p.reserved_for_legacy = (uint32_t)i;
-        legacy_event_time(r.record_flags, r.event_base, r.event_delta, r.event_time_64,
-                          &p.pid_flags, &p.pid_event_when);
-        // One text holds the path; the name is its tail.
-        std::string text;
-        const char* name = nullptr;
-        if (!t.text(i, r.string_offset, r.string_length, &text) ||
-            !t.tail(i, text, r.name_offset, &name)) {
-            status = VELK_E_BAD_FILE;
-            break;
-        }
-        status = utility_add_string_to_temp_file(text.c_str(), &p.pid_path.id);
-        if (status == 0)
-            status = utility_add_string_to_temp_file(name, &p.pid_name.id);
-        if (status == 0)
-            status = t.append(&p, kPidRecordSize);
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-    }
-    status = t.finish(status);
+    const unsigned int status = t.run<PidRecord_s>(
+        [&](unsigned long long i, const PidRecord_s& r) -> unsigned int {
+            __VELK_pid p;
+            memset(&p, 0, sizeof(p));
+            p.pid_size = kPidRecordSize;
+            p.pid_id = r.os_id;
+            p.reserved_for_legacy = (uint32_t)i;
+            legacy_event_time(r.record_flags, r.event_base, r.event_delta, r.event_time_64,
+                              &p.pid_flags, &p.pid_event_when);
+            // One text holds the path; the name is its tail.
+            std::string text;
+            const char* name = nullptr;
+            if (!t.text(i, r.string_offset, r.string_length, &text) ||
+                !t.tail(i, text, r.name_offset, &name))
+                return VELK_E_BAD_FILE;
+            unsigned int result =
+                utility_add_string_to_temp_file(text.c_str(), &p.pid_path.id);
+            if (result == 0)
+                result = utility_add_string_to_temp_file(name, &p.pid_name.id);
+            if (result == 0)
+                result = t.append(&p, kPidRecordSize);
+            if (result != 0)
+                LOG_FAILED_STATUS(result);
+            return result;
+        });
     if (status == 0)
         VELK_TRACE_EXIT("helper_get_pid_info_from_file");
     return status;
@@ -530,25 +535,22 @@ unsigned int velk_class::helper_get_tid_info_from_file()
     VELK_TRACE_ENTER("helper_get_tid_info_from_file");
     legacy_translation t(this, "helper_get_tid_info_from_file", sections_ptr->sfs_legacy_tid_record,
                          kLegacyTidStride, &sections_ptr->sfs_tid, sections_ptr->new_tid_store);
-    RETURN_IF_FAILED(t.begin());
-    unsigned int status = 0;
-    for (unsigned long long i = 0; i < t.count() && status == 0; ++i) {
-        velk_legacy_tid_record r;
-        memcpy(&r, t.record(i), sizeof(r));
-        __VELK_tid p;
-        memset(&p, 0, sizeof(p));
-        p.tid_size = kTidRecordSize;
-        p.tid_pid = r.process_word;
-        p.tid_id = r.os_id;
-        p.reserved_for_legacy = (uint32_t)i;
-        legacy_event_time(r.record_flags, r.event_base, r.event_delta, r.event_time_64,
-                          &p.tid_flags, &p.tid_event_when);
-        // The legacy thread holds no text: the name stays 0.
-        status = t.append(&p, kTidRecordSize);
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-    }
-    status = t.finish(status);
+    const unsigned int status = t.run<velk_legacy_tid_record>(
+        [&](unsigned long long i, const velk_legacy_tid_record& r) -> unsigned int {
+            __VELK_tid p;
+            memset(&p, 0, sizeof(p));
+            p.tid_size = kTidRecordSize;
+            p.tid_pid = r.process_word;
+            p.tid_id = r.os_id;
+            p.reserved_for_legacy = (uint32_t)i;
+            legacy_event_time(r.record_flags, r.event_base, r.event_delta, r.event_time_64,
+                              &p.tid_flags, &p.tid_event_when);
+            // The legacy thread holds no text: the name stays 0.
+            const unsigned int result = t.append(&p, kTidRecordSize);
+            if (result != 0)
+                LOG_FAILED_STATUS(result);
+            return result;
+        });
     if (status == 0)
         VELK_TRACE_EXIT("helper_get_tid_info_from_file");
     return status;
@@ -580,78 +582,76 @@ unsigned int velk_class::helper_get_module_info_from_file()
     legacy_translation t(this, "helper_get_module_info_from_file",
                          sections_ptr->sfs_legacy_module_record, kLegacyModuleStride,
                          &sections_ptr->sfs_module, sections_ptr->new_module_store);
-    RETURN_IF_FAILED(t.begin());
-    unsigned int status = 0;
-    for (unsigned long long i = 0; i < t.count() && status == 0; ++i) {
-        velk_legacy_module_record r;
-        memcpy(&r, t.record(i), sizeof(r));
-        __VELK_module m;
-        memset(&m, 0, sizeof(m));
-        m.module_size = size;
-        if (bound) {
-            m.pid_index = r.process_word;
-            status = helper_get_os_pid_from_pid_index(r.process_word, &m.pid);
-            if (status != 0) {
-                LOG_FAILED_STATUS(status);
-                break;
+    const unsigned int status = t.run<velk_legacy_module_record>(
+        [&](unsigned long long i, const velk_legacy_module_record& r) -> unsigned int {
+            __VELK_module m;
+            memset(&m, 0, sizeof(m));
+            m.module_size = size;
+            if (bound) {
+                m.pid_index = r.process_word;
+                const unsigned int found =
+                    helper_get_os_pid_from_pid_index(r.process_word, &m.pid);
+                if (found != 0) {
+                    LOG_FAILED_STATUS(found);
+                    return found;
+                }
+            } else {
+                m.pid = r.process_word;
+                m.osid = 0;
+                m.pid_index = kNoIndex;
             }
-        } else {
-            m.pid = r.process_word;
-            m.osid = 0;
-            m.pid_index = kNoIndex;
-        }
-        m.module_flags = module_flags_from_legacy(r);
-        if (m.module_flags & VELK_MODULE_64BIT_COUNTS) {
-            m.sc_load = r.sc_load_64;
-            m.sc_unload = ((uint64_t)r.event_high << 32) | r.event_low;
-        } else {
-            m.sc_load = r.event_low;
-            m.sc_unload_32 = r.event_high;
-        }
-        m.module_ref = r.module_ref;
-        m.segment_type = r.segment_byte & 3;
-        m.code_segment = r.code_segment;
-        memcpy(&m.legacy_flags, r.flags_word, sizeof(m.legacy_flags));
-        if (m.segment_type == 3) {
-            m.module_length = r.module_length;
-            m.module_load_address = r.module_load_address;
-        } else {
-            m.module_length = (uint32_t)r.module_length;
-            m.module_load_address = (uint32_t)r.module_load_address;
-        }
+            m.module_flags = module_flags_from_legacy(r);
+            if (m.module_flags & VELK_MODULE_64BIT_COUNTS) {
+                m.sc_load = r.sc_load_64;
+                m.sc_unload = ((uint64_t)r.event_high << 32) | r.event_low;
+            } else {
+                m.sc_load = r.event_low;
+                m.sc_unload_32 = r.event_high;
+            }
+            m.module_ref = r.module_ref;
+            m.segment_type = r.segment_byte & 3;
+            m.code_segment = r.code_segment;
+            memcpy(&m.legacy_flags, r.flags_word, sizeof(m.legacy_flags));
+            if (m.segment_type == 3) {
+                m.module_length = r.module_length;
+                m.module_load_address = r.module_load_address;
+            } else {
+                m.module_length = (uint32_t)r.module_length;
+                m.module_load_address = (uint32_t)r.module_load_address;
+            }
 
-        std::string path;
-        if (!t.text(i, r.string_offset, r.string_length, &path)) {
-            status = VELK_E_BAD_FILE;
-            break;
-        }
-        status = utility_add_string_to_temp_file(path.c_str(), &m.module_path.id);
-        // An absolute path (or one with a drive letter), or a name offset of
-        // 0, gives the name from the offset on; a relative path is the name
-        // whole.
-        const char* name = path.c_str();
-        const bool absolute =
-            path[0] == '\\' || path[0] == '/' || (path.size() > 1 && path[1] == ':');
-        if (status == 0 && (absolute || r.name_offset == 0) &&
-            !t.tail(i, path, r.name_offset, &name))
-            status = VELK_E_BAD_FILE;
-        if (status == 0)
-            status = utility_add_string_to_temp_file(name, &m.module_name.id);
-        // A third text is read, but what becomes a string is nothing, and
-        // its id lands in the path: such a record loses its path.
-        if (status == 0 && (r.flags_word[1] & 0x01)) {
-            std::string extra;
-            if (!t.text(i, r.extra_offset, r.extra_length, &extra))
-                status = VELK_E_BAD_FILE;
-            else
-                status = utility_add_string_to_temp_file((const char*)nullptr, &m.module_path.id);
-        }
-        if (status == 0)
-            status = t.append(&m, size);
-        if (status != 0)
-            LOG_FAILED_STATUS(status);
-    }
-    status = t.finish(status);
+            std::string path;
+            if (!t.text(i, r.string_offset, r.string_length, &path))
+                return VELK_E_BAD_FILE;
+            unsigned int result =
+                utility_add_string_to_temp_file(path.c_str(), &m.module_path.id);
+            // An absolute path (or one with a drive letter), or a name offset
+            // of 0, gives the name from the offset on; a relative path is the
+            // name whole.
+            const char* name = path.c_str();
+            const bool absolute =
+                path[0] == '\\' || path[0] == '/' || (path.size() > 1 && path[1] == ':');
+            if (result == 0 && (absolute || r.name_offset == 0) &&
+                !t.tail(i, path, r.name_offset, &name))
+                result = VELK_E_BAD_FILE;
+            if (result == 0)
+                result = utility_add_string_to_temp_file(name, &m.module_name.id);
+            // A third text is read, but what becomes a string is nothing, and
+            // its id lands in the path: such a record loses its path.
+            if (result == 0 && (r.flags_word[1] & 0x01)) {
+                std::string extra;
+                if (!t.text(i, r.extra_offset, r.extra_length, &extra))
+                    result = VELK_E_BAD_FILE;
+                else
+                    result = utility_add_string_to_temp_file((const char*)nullptr,
+                                                             &m.module_path.id);
+            }
+            if (result == 0)
+                result = t.append(&m, size);
+            if (result != 0)
+                LOG_FAILED_STATUS(result);
+            return result;
+        });
     if (status == 0)
         VELK_TRACE_EXIT("helper_get_module_info_from_file");
     return status;
