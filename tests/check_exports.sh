@@ -6,8 +6,10 @@ set -euo pipefail
 lib="$1"
 symbols=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | c++filt | sort -u)
 
-unexpected=$(printf '%s\n' "$symbols" | grep -v -E \
-  '^(VELK_[A-Za-z0-9_]+|g_pid|velk_class::.*|bind_class::.*|__VELK_mmap_tracker::.*)$' || true)
+# Here-strings rather than pipes: under pipefail a grep -q that exits early
+# would fail the pipeline through SIGPIPE on the writer.
+unexpected=$(grep -v -E \
+  '^(VELK_[A-Za-z0-9_]+|g_pid|velk_class::.*|bind_class::.*|__VELK_mmap_tracker::.*)$' <<<"$symbols" || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exported symbols:"
   printf '%s\n' "$unexpected"
@@ -25,15 +27,15 @@ for required in VELK_open VELK_close VELK_abort_cleanup_and_close VELK_get_versi
     '__VELK_mmap_tracker::m_num_mmaps' '__VELK_mmap_tracker::m_num_bytes_mapped' \
     '__VELK_mmap_tracker::Map_File(long long, unsigned long long, unsigned long long)' \
     'velk_class::velk_class()' 'velk_class::do_init()'; do
-  if ! printf '%s\n' "$symbols" | grep -q -x -F "$required"; then
+  if ! grep -q -x -F "$required" <<<"$symbols"; then
     echo "missing exported symbol: $required"
     exit 1
   fi
 done
 for hidden in LOGIT_A logit_write KEMO_get_error_string wcs_to_utf8 snprintf_safe; do
-  if printf '%s\n' "$symbols" | grep -q -x -F "$hidden"; then
+  if grep -q -x -F "$hidden" <<<"$symbols"; then
     echo "internal symbol exported: $hidden"
     exit 1
   fi
 done
-echo "exported set ok: $(printf '%s\n' "$symbols" | wc -l) symbols"
+echo "exported set ok: $(wc -l <<<"$symbols") symbols"
