@@ -3,8 +3,6 @@
 // translation of files that hold only the legacy form.
 #include <string.h>
 
-#include <algorithm>
-
 #include "test_helpers.h"
 #include "velk_class/velk_class.h"
 #include "velk_entry/velk_handle.h"
@@ -13,13 +11,23 @@ using namespace velk_test;
 
 namespace {
 
+const unsigned kRwc = VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE;
+const unsigned kNone = 0xFFFFFFFFu;
+// Per kind 0 (processes), 1 (threads) and 2 (modules).
+const VELK_SECTION_IDENTIFIER kSection[3] = {VELK_SECTION_PROCESS, VELK_SECTION_THREAD,
+                                             VELK_SECTION_MODULE};
+const unsigned kSize[3] = {48, 40, 144};
+const char* const kEnumerator[3] = {"VELK_enumerate_processes", "VELK_enumerate_threads",
+                                    "VELK_enumerate_modules"};
+using Rows = std::vector<std::vector<unsigned char>>;
+
+wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
+
 // What the callbacks saw: records cut at `size` bytes, entries per call.
 struct Walk {
-    unsigned size = 0;
-    unsigned answer = 1;
-    unsigned calls = 0;
+    unsigned size = 0, answer = 1, calls = 0;
     std::vector<unsigned> entries;
-    std::vector<std::vector<unsigned char>> records;
+    Rows records;
 };
 
 template <typename R>
@@ -35,45 +43,33 @@ unsigned walk_cb(R* records, unsigned bytes, unsigned entries, void* context)
     return w->answer;
 }
 
-// Enumerates kind 0 (processes), 1 (threads) or 2 (modules) from `start`.
 unsigned enumerate(velk_handle* h, int kind, Walk* w, unsigned long long start)
 {
     VELK_PROCESS_CALLBACK pids = walk_cb<__VELK_pid>;
     VELK_THREAD_CALLBACK tids = walk_cb<__VELK_tid>;
     VELK_MODULE_CALLBACK modules = walk_cb<__VELK_module>;
-    w->size = kind == 0 ? 48 : kind == 1 ? 40 : 144;
+    w->size = kSize[kind];
     return kind == 0   ? VELK_enumerate_processes(h, &pids, w, start)
            : kind == 1 ? VELK_enumerate_threads(h, &tids, w, start)
                        : VELK_enumerate_modules(h, &modules, w, start);
 }
 
-const VELK_SECTION_IDENTIFIER kSection[3] = {VELK_SECTION_PROCESS, VELK_SECTION_THREAD,
-                                             VELK_SECTION_MODULE};
-
-// The 40-byte global table slot of a kind in a version 7 file, or npos.
-size_t global_at(const std::vector<unsigned char>& f, unsigned kind)
+unsigned add(velk_handle* h, int kind, void* record)
 {
-    for (size_t at = 816; at < 816 + 512; at += 40)
-        if (u32_at(f, at + 28) == kind)
-            return at;
-    return std::string::npos;
+    return kind == 0   ? VELK_add_process(h, static_cast<__VELK_pid*>(record))
+           : kind == 1 ? VELK_add_thread(h, static_cast<__VELK_tid*>(record))
+                       : VELK_add_module(h, static_cast<__VELK_module*>(record));
 }
 
-bool has_line_with(const LogCapture& log, const std::string& part)
-{
-    return std::any_of(log.lines().begin(), log.lines().end(),
-                       [&](const std::string& l) { return l.find(part) != std::string::npos; });
-}
-
-// Module descriptors: a group head and one field of 144 bytes.
-void add_module_descriptors(velk_handle* h)
+// Module descriptors: a group head and one field of `length` bytes.
+void add_module_descriptors(velk_handle* h, unsigned length = 144)
 {
     __velk_samprec_desc_entry d[2];
     memset(d, 0, sizeof(d));
     d[0].entry_size = d[1].entry_size = 72;
     d[0].field_type = ST_GROUP_HEAD;
     d[1].field_type = ST_MODULE_RECORD;
-    d[1].field_length = 144;
+    d[1].field_length = length;
     ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_DESCRIPTOR));
     ASSERT_EQ(0u, VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, d, 2));
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
@@ -96,11 +92,8 @@ struct Image {
     void entry(unsigned n, uint32_t length, uint32_t offset, uint32_t count, uint16_t entry_length,
                uint16_t kind)
     {
-        put32(16 + n * 20, length);
-        put32(16 + n * 20 + 4, offset);
-        put32(16 + n * 20 + 8, count);
-        put16(16 + n * 20 + 12, entry_length);
-        put16(16 + n * 20 + 14, kind);
+        put32(16 + n * 20, length), put32(16 + n * 20 + 4, offset), put32(16 + n * 20 + 8, count);
+        put16(16 + n * 20 + 12, entry_length), put16(16 + n * 20 + 14, kind);
     }
 };
 
@@ -113,8 +106,7 @@ Image legacy_records_file()
 {
     Image f;
     f.put(0, "SampleF ", 8);
-    f.put32(8, 27);
-    f.put32(12, 4);
+    f.put32(8, 27), f.put32(12, 4);
     f.entry(0, 460, 416, 1, 460, KIND_LEGACY_HEADER_EX);
     f.entry(1, 139, kPids, 3, 40, KIND_LEGACY_PID_RECORD);
     f.entry(2, 80, kTids, 2, 40, KIND_LEGACY_TID_RECORD);
@@ -159,23 +151,11 @@ Image legacy_records_file()
     f.put32(m2 + 44, 278), f.put16(m2 + 48, 11), f.put16(m2 + 50, 5), f.put32(m2 + 52, 289);
     // A relative path with name offset 0.
     f.put16(m3, 64), f.put32(m3 + 44, 295), f.put16(m3 + 48, 7);
-    f.put(kModules + 256, "/lib/libc.so", 13);
-    f.put(kModules + 269, "lib/x.so", 9);
-    f.put(kModules + 278, "C:\\a\\b.dll", 11);
-    f.put(kModules + 289, "extra", 6);
+    f.put(kModules + 256, "/lib/libc.so", 13), f.put(kModules + 269, "lib/x.so", 9);
+    f.put(kModules + 278, "C:\\a\\b.dll", 11), f.put(kModules + 289, "extra", 6);
     f.put(kModules + 295, "rel.so", 7);
     f.b.resize(kModules + 302 + 24, 0);
     return f;
-}
-
-// The callers' records after their adds, as bytes.
-template <typename T>
-std::vector<std::vector<unsigned char>> bytes_of(const std::vector<T>& records)
-{
-    std::vector<std::vector<unsigned char>> v;
-    for (const T& r : records)
-        v.emplace_back((const unsigned char*)&r, (const unsigned char*)&r + sizeof(r));
-    return v;
 }
 
 template <typename T>
@@ -186,134 +166,173 @@ T as(const std::vector<unsigned char>& bytes)
     return t;
 }
 
-using RecordsTest = TempDirTest;
+// The texts behind a path and a name id as "path|name"; id 0 gives "".
+std::string texts_of(velk_handle* h, const __string_or_id& path, const __string_or_id& name)
+{
+    return (path.id ? text_of(h, path.id) : "") + "|" + (name.id ? text_of(h, name.id) : "");
+}
+
+class RecordsTest : public TempDirTest {
+protected:
+    unsigned open(const std::string& name, unsigned mode)
+    {
+        return VELK_open(&h, widen(name).c_str(), mode);
+    }
+    // Writes an image and opens it for reading.
+    unsigned open_image(const Image& f, const std::string& name)
+    {
+        write_file(path(name), f.b);
+        return open(path(name), VELK_OPEN_READ);
+    }
+    // Writes a new file of `n` processes (kind 0, ids 500 + i) or modules
+    // (kind 2, refs i), with module descriptors of `length` bytes unless 0.
+    Image build(const std::string& name, int kind, unsigned n, unsigned length = 0)
+    {
+        EXPECT_EQ(0u, open(path(name), kRwc));
+        EXPECT_EQ(0u, VELK_writing_section(h, kSection[kind]));
+        __VELK_module m;
+        memset(&m, 0, sizeof(m));
+        m.module_size = 144;
+        for (unsigned i = 0; i < n; ++i) {
+            __VELK_pid p = {48, 500 + i, 0, 0, 0, 0, 0, {}, {}};
+            m.module_ref = i;
+            if (add(h, kind, kind == 0 ? (void*)&p : (void*)&m) != 0) {
+                ADD_FAILURE() << "add " << i;
+                break;
+            }
+        }
+        EXPECT_EQ(0u, VELK_done_section(h, kSection[kind]));
+        if (length != 0)
+            add_module_descriptors(h, length);
+        EXPECT_EQ(0u, VELK_close(h));
+        return Image{read_file(path(name))};
+    }
+    velk_handle* h = nullptr;
+};
 
 }  // namespace
 
 TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
 {
     const std::string name = path("r.vk7");
-    velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+    ASSERT_EQ(0u, open(name, kRwc));
     velk_class* s = h->file_object;
     LogCapture log(0x80000000u);
-    const char* const names[3] = {"VELK_add_process", "VELK_add_thread", "VELK_add_module"};
-    __VELK_pid p0;
-    __VELK_tid t0;
-    __VELK_module m0;
-    memset(&p0, 0, sizeof(p0)), memset(&t0, 0, sizeof(t0)), memset(&m0, 0, sizeof(m0));
-    EXPECT_EQ(VELK_E_NOT_WRITING, VELK_add_process(h, &p0));
-    EXPECT_EQ(VELK_E_NOT_WRITING, VELK_add_thread(h, &t0));
-    EXPECT_EQ(VELK_E_NOT_WRITING, VELK_add_module(h, &m0));
+    const char* const adders[3] = {"VELK_add_process", "VELK_add_thread", "VELK_add_module"};
+    __VELK_module zero;  // large enough for a record of each kind
+    memset(&zero, 0, sizeof(zero));
     for (int k = 0; k < 3; ++k) {
-        EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + names[k] +
-                                        ">this section already exists or write_section was not "
-                                        "first called!\n"));
+        const std::string prefix = std::string("<velk %u::") + adders[k] + ">";
+        EXPECT_EQ(VELK_E_NOT_WRITING, add(h, k, &zero)) << k;
+        EXPECT_TRUE(log.contains_format(
+            prefix + "this section already exists or write_section was not first called!\n"));
         ASSERT_EQ(0u, VELK_writing_section(h, kSection[k]));
+        EXPECT_EQ(VELK_E_NOTHING_TO_WRITE, add(h, k, nullptr)) << k;
+        EXPECT_TRUE(log.contains_format(prefix + "nothing to write!\n"));
     }
-    EXPECT_EQ(VELK_E_NOTHING_TO_WRITE, VELK_add_process(h, nullptr));
-    EXPECT_EQ(VELK_E_NOTHING_TO_WRITE, VELK_add_thread(h, nullptr));
-    EXPECT_EQ(VELK_E_NOTHING_TO_WRITE, VELK_add_module(h, nullptr));
-    for (int k = 0; k < 3; ++k)
-        EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + names[k] + ">nothing to write!\n"));
 
     // Processes: both texts, a name without a path (stored as given, no
     // string added), neither.
-    struct { const wchar_t* path; const wchar_t* name; const char* want_path; const char* want_name; } pt[] = {
-        {L"/bin/alpha", L"alpha", "/bin/alpha", "alpha"},
-        {nullptr, L"orphan", nullptr, nullptr},
-        {nullptr, nullptr, nullptr, nullptr},
-        {L"/usr/bin/beta", L"beta", "/usr/bin/beta", "beta"},
-    };
-    std::vector<__VELK_pid> pids;
+    Rows want[3];
+    const wchar_t* const ptexts[4][2] = {
+        {L"/bin/alpha", L"alpha"}, {nullptr, L"orphan"}, {nullptr, nullptr}, {L"/usr/bin/beta", L"beta"}};
     for (unsigned i = 0; i < 4; ++i) {
-        __VELK_pid p;
-        memset(&p, 0, sizeof(p));
-        p.pid_size = 48, p.pid_id = 10 + i, p.pid_flags = i, p.osid = 7, p.pid_event_when = 1000 + i;
-        p.reserved_for_legacy = 99, p.parent_pid_index = i;
-        p.pid_path.text = const_cast<wchar_t*>(pt[i].path);
-        p.pid_name.text = const_cast<wchar_t*>(pt[i].name);
+        __VELK_pid p = {48, 10 + i, i, 7, 1000 + i, 99, i, {w(ptexts[i][0])}, {w(ptexts[i][1])}};
         const unsigned long long strings = s->strings_store->Size();
         ASSERT_EQ(0u, VELK_add_process(h, &p)) << i;
         EXPECT_EQ(i, p.reserved_for_legacy);
-        if (pt[i].want_path == nullptr) {
+        if (ptexts[i][0] == nullptr) {
             EXPECT_EQ(strings, s->strings_store->Size()) << i;
-            EXPECT_EQ(pt[i].name, p.pid_name.text);
+            EXPECT_EQ(ptexts[i][1], p.pid_name.text) << i;
         } else {
-            EXPECT_EQ(1ull << 63, p.pid_path.id & (1ull << 63));
+            EXPECT_EQ(1ull << 63, p.pid_path.id & (1ull << 63)) << i;
         }
-        pids.push_back(p);
+        want[0].push_back(bytes_of(p));
     }
-    // Threads: a null name gives id 0.
-    const wchar_t* tnames[] = {L"worker", nullptr, L"main"};
-    std::vector<__VELK_tid> tids;
+    // Threads, one without a name.
+    const wchar_t* const tnames[3] = {L"worker", nullptr, L"main"};
     for (unsigned i = 0; i < 3; ++i) {
-        __VELK_tid t;
-        memset(&t, 0, sizeof(t));
-        t.tid_size = 40, t.tid_pid = 10 + i, t.tid_id = 20 + i, t.tid_flags = 1, t.tid_event_when = 5 + i;
-        t.tid_name.text = const_cast<wchar_t*>(tnames[i]);
+        __VELK_tid t = {40, 10 + i, 20 + i, 1, 5 + i, 0, 0, {w(tnames[i])}};
         ASSERT_EQ(0u, VELK_add_thread(h, &t)) << i;
         EXPECT_EQ(i, t.reserved_for_legacy);
-        if (tnames[i] == nullptr) {
-            EXPECT_EQ(0u, t.tid_name.id);
-        }
-        tids.push_back(t);
+        want[1].push_back(bytes_of(t));
     }
     // Modules: each text on its own; pid_index is the library's.
-    const wchar_t* mtexts[3][3] = {{L"/lib/a.so", L"a.so", nullptr},
-                                   {nullptr, nullptr, nullptr},
-                                   {L"/lib/b.so", L"b.so", L"third"}};
-    std::vector<__VELK_module> modules;
+    const wchar_t* const mtexts[3][3] = {
+        {L"/lib/a.so", L"a.so", nullptr}, {nullptr, nullptr, nullptr}, {L"/lib/b.so", L"b.so", L"third"}};
     for (unsigned i = 0; i < 3; ++i) {
-        __VELK_module m;
-        memset(&m, 0, sizeof(m));
-        m.module_size = 144, m.pid = 10 + i, m.module_flags = VELK_MODULE_HAS_LOAD_COUNT;
-        m.sc_load = 3 + i, m.module_ref = 0x55, m.module_load_address = 0x400000 + i;
-        m.module_length = 0x1000, m.pid_index = 5, m.sc_unload_32 = 0xFFFFFFFF;
-        m.module_path.text = const_cast<wchar_t*>(mtexts[i][0]);
-        m.module_name.text = const_cast<wchar_t*>(mtexts[i][1]);
-        m.module_extra.text = const_cast<wchar_t*>(mtexts[i][2]);
+        __VELK_module m = {144, 0, 10 + i, VELK_MODULE_HAS_LOAD_COUNT, 3 + i, 0x55, 0, 0, 0,
+                           0x1000, 0x400000 + i, kNone, 5, 0, 0, 0,
+                           {w(mtexts[i][0])}, {w(mtexts[i][1])}, {w(mtexts[i][2])}, {}};
         ASSERT_EQ(0u, VELK_add_module(h, &m)) << i;
-        EXPECT_EQ(0xFFFFFFFFu, m.pid_index);
-        modules.push_back(m);
+        EXPECT_EQ(kNone, m.pid_index);
+        want[2].push_back(bytes_of(m));
     }
     for (int k = 0; k < 3; ++k)
         ASSERT_EQ(0u, VELK_done_section(h, kSection[k]));
     add_module_descriptors(h);
-
-    const std::vector<std::vector<unsigned char>> want[3] = {bytes_of(pids), bytes_of(tids),
-                                                             bytes_of(modules)};
+    // The text ids in the records as added: kind, record, offset, text
+    // (null: id 0).
+    const struct { int kind; unsigned index, at; const char* text; } texts[] = {
+        {0, 0, 32, "/bin/alpha"}, {0, 0, 40, "alpha"}, {0, 3, 32, "/usr/bin/beta"}, {0, 3, 40, "beta"},
+        {1, 0, 32, "worker"}, {1, 1, 32, nullptr}, {1, 2, 32, "main"}, {2, 0, 80, "/lib/a.so"},
+        {2, 0, 88, "a.so"}, {2, 0, 96, nullptr}, {2, 1, 80, nullptr}, {2, 1, 88, nullptr},
+        {2, 1, 96, nullptr}, {2, 2, 80, "/lib/b.so"}, {2, 2, 88, "b.so"}, {2, 2, 96, "third"}};
 
     // The same walks, in this session from the stores and after reopening
-    // from the file; windows left from one walk serve the next.
+    // from the file.
     auto check_walks = [&](const char* when) {
+        velk_class* s = h->file_object;
+        __VELK_mmap_tracker* maps[3] = {&s->pid_map, &s->tid_map, &s->module_map};
         for (int k = 0; k < 3; ++k) {
-            ASSERT_EQ(0u, VELK_reading_section(h, kSection[k])) << when;
-            const unsigned long long n = want[k].size();
-            for (unsigned long long start : {0ull, 1ull, n - 1}) {
-                Walk w;
-                ASSERT_EQ(0u, enumerate(h, k, &w, start)) << when << k << start;
-                EXPECT_EQ(1u, w.calls) << when << k << start;
-                ASSERT_EQ(n - start, w.records.size()) << when << k << start;
-                for (unsigned long long i = start; i < n; ++i)
-                    EXPECT_EQ(want[k][i], w.records[i - start]) << when << k << start << i;
-            }
-            // Past the end, in and out of the window.
+            SCOPED_TRACE(std::string(when) + " " + kEnumerator[k]);
+            const unsigned n = (unsigned)want[k].size();
             log.clear();
             Walk w;
-            EXPECT_EQ(VELK_E_BAD_READ_START, enumerate(h, k, &w, n)) << when << k;
-            EXPECT_EQ(VELK_E_BAD_READ_START, enumerate(h, k, &w, 1000)) << when << k;
+            EXPECT_EQ(VELK_E_NOT_READING, enumerate(h, k, &w, 0));
+            EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + kEnumerator[k] +
+                                            ">read_section was not first called!\n"));
+            ASSERT_EQ(0u, VELK_reading_section(h, kSection[k]));
+            if (k == 0) {
+                EXPECT_EQ(VELK_E_BAD_POINTER, VELK_enumerate_processes(h, nullptr, nullptr, 0));
+            }
+            // 0 stops at once; the window stays, and a start inside it maps
+            // nothing. Then a whole walk from 0.
+            w.answer = 0;
+            ASSERT_EQ(0u, enumerate(h, k, &w, 1));
+            const unsigned char* data = maps[k]->m_data;
+            const unsigned mmaps = __VELK_mmap_tracker::m_num_mmaps;
+            ASSERT_EQ(0u, enumerate(h, k, &w, n - 1));
+            EXPECT_EQ(data, maps[k]->m_data);
+            EXPECT_EQ(1u, maps[k]->m_first_entry);
+            EXPECT_EQ(mmaps, __VELK_mmap_tracker::m_num_mmaps);
+            w.answer = 1;
+            ASSERT_EQ(0u, enumerate(h, k, &w, 0));
+            EXPECT_EQ((std::vector<unsigned>{n - 1, 1, n}), w.entries);
+            Rows seen(want[k].begin() + 1, want[k].end());
+            seen.push_back(want[k][n - 1]);
+            seen.insert(seen.end(), want[k].begin(), want[k].end());
+            EXPECT_EQ(seen, w.records);
+            // Past the end, in and out of the window.
+            log.clear();
+            EXPECT_EQ(VELK_E_BAD_READ_START, enumerate(h, k, &w, n));
+            EXPECT_EQ(VELK_E_BAD_READ_START, enumerate(h, k, &w, 1000));
             EXPECT_TRUE(log.contains_format("<velk %u::helper_map_velk_sfs>invalid read start!\n"));
-            EXPECT_EQ(0u, w.calls);
-            ASSERT_EQ(0u, VELK_done_section(h, kSection[k])) << when;
+            // Another answer than 0 and 1 ends the walk and is returned as
+            // is; the thread line names processes.
+            w.answer = 7;
+            EXPECT_EQ(7u, enumerate(h, k, &w, 0));
+            EXPECT_EQ(4u, w.calls);
+            EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + kEnumerator[k == 2 ? 2 : 0] +
+                                            ">callback returned an error, exiting with value 7\n"));
+            ASSERT_EQ(0u, VELK_done_section(h, kSection[k]));
         }
-        EXPECT_EQ("/bin/alpha", text_of(h, pids[0].pid_path.id)) << when;
-        EXPECT_EQ("alpha", text_of(h, pids[0].pid_name.id)) << when;
-        EXPECT_EQ("beta", text_of(h, pids[3].pid_name.id)) << when;
-        EXPECT_EQ("main", text_of(h, tids[2].tid_name.id)) << when;
-        EXPECT_EQ("/lib/b.so", text_of(h, modules[2].module_path.id)) << when;
-        EXPECT_EQ("third", text_of(h, modules[2].module_extra.id)) << when;
-        EXPECT_EQ(0u, modules[0].module_extra.id) << when;
+        // Module records walk by the descriptors' size, which is cached.
+        EXPECT_EQ(144u, s->module_record_size);
+        for (const auto& t : texts) {
+            const unsigned long long id = u64_at(want[t.kind][t.index], t.at);
+            EXPECT_EQ(t.text ? t.text : "", id ? text_of(h, id) : "") << t.kind << t.index << t.at;
+        }
     };
     check_walks("store");
     EXPECT_EQ(0u, s->sections_ptr->sfs_pid.length);  // still in the store
@@ -321,178 +340,102 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
 
     // Kinds 29, 30, 31: descriptor, records as added, marker, padding.
     const std::vector<unsigned char> f = read_file(name);
-    const struct { unsigned kind; unsigned entry_length; const char* marker; } kinds[3] = {
-        {KIND_PID, 48, "end new pid section"},
-        {KIND_TID, 40, "end new tid section"},
-        {KIND_MODULE, 144, "end new module section"}};
+    const unsigned kinds[3] = {KIND_PID, KIND_TID, KIND_MODULE};
+    const char* const markers[3] = {"end new pid section", "end new tid section", "end new module section"};
     for (int k = 0; k < 3; ++k) {
-        const size_t slot = global_at(f, kinds[k].kind);
-        ASSERT_NE(std::string::npos, slot) << k;
-        const unsigned long long length = u64_at(f, slot), offset = u64_at(f, slot + 8);
-        EXPECT_EQ(want[k].size() * want[k][0].size(), length) << k;
-        EXPECT_EQ(want[k].size(), u64_at(f, slot + 16)) << k;
-        EXPECT_EQ(kinds[k].entry_length, u32_at(f, slot + 24)) << k;
-        EXPECT_EQ(0u, offset % 8) << k;
-        ASSERT_LE(offset + length + 40, f.size());
+        SCOPED_TRACE(markers[k]);
+        const Slot slot = global_slot(f, kinds[k]);
+        ASSERT_NE(0u, slot.at);
+        EXPECT_EQ(want[k].size() * kSize[k], slot.length);
+        EXPECT_EQ(want[k].size(), slot.number_entries);
+        EXPECT_EQ(kSize[k], slot.entry_length);
+        EXPECT_EQ(0u, slot.file_offset % 8);
         for (size_t i = 0; i < want[k].size(); ++i)
-            EXPECT_EQ(0, memcmp(&f[offset + i * want[k][i].size()], want[k][i].data(), want[k][i].size()))
-                << k << i;
-        const size_t marker = strlen(kinds[k].marker) + 1;
-        EXPECT_EQ(0, memcmp(&f[offset + length], kinds[k].marker, marker)) << k;
-        const size_t pad = 24 - ((offset + length + marker) & 7);
-        EXPECT_EQ(std::vector<unsigned char>(pad, 0),
-                  std::vector<unsigned char>(&f[offset + length + marker], &f[offset + length + marker + pad]));
+            EXPECT_EQ(want[k][i], slice(f, slot.file_offset + i * kSize[k], kSize[k])) << i;
+        expect_ending(f, slot.file_offset + slot.length, markers[k]);
     }
 
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
+    ASSERT_EQ(0u, open(name, VELK_OPEN_READ));
     check_walks("file");
     ASSERT_EQ(0u, VELK_close(h));
 }
 
-TEST_F(RecordsTest, CallbackAnswersWindowsAndLookups)
+TEST_F(RecordsTest, ProcessLookupsAndADamagedCount)
 {
-    const std::string name = path("c.vk7");
-    velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
-    velk_class* s = h->file_object;
-    const __VELK_pid* one = nullptr;
-    unsigned os_pid = 0;
     // Without a process section.
+    ASSERT_EQ(0u, open(path("none.vk7"), kRwc));
+    unsigned os_pid = 0;
     LogCapture log(0x80000000u);
-    EXPECT_EQ(VELK_E_NO_PID_SECTION, s->helper_get_os_pid_from_pid_index(0, &os_pid));
-    EXPECT_EQ(0xFFFFFFFFu, os_pid);
+    EXPECT_EQ(VELK_E_NO_PID_SECTION, h->file_object->helper_get_os_pid_from_pid_index(0, &os_pid));
+    EXPECT_EQ(kNone, os_pid);
     EXPECT_TRUE(log.contains_format(
         "<velk %u::helper_get_os_pid_from_pid_index>pid record section doesn't exist!\n"));
-
-    ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_PROCESS));
-    ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_THREAD));
-    ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_MODULE));
-    for (unsigned i = 0; i < 5; ++i) {
-        __VELK_pid p;
-        __VELK_tid t;
-        __VELK_module m;
-        memset(&p, 0, sizeof(p)), memset(&t, 0, sizeof(t)), memset(&m, 0, sizeof(m));
-        p.pid_size = 48, p.pid_id = 500 + i;
-        t.tid_size = 40, t.tid_id = 600 + i;
-        m.module_size = 144, m.module_ref = i;
-        ASSERT_EQ(0u, VELK_add_process(h, &p));
-        ASSERT_EQ(0u, VELK_add_thread(h, &t));
-        ASSERT_EQ(0u, VELK_add_module(h, &m));
-    }
-    for (int k = 0; k < 3; ++k)
-        ASSERT_EQ(0u, VELK_done_section(h, kSection[k]));
-    add_module_descriptors(h);
     ASSERT_EQ(0u, VELK_close(h));
 
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
-    s = h->file_object;
-    const char* const enumerators[3] = {"VELK_enumerate_processes", "VELK_enumerate_threads",
-                                        "VELK_enumerate_modules"};
-    __VELK_mmap_tracker* maps[3] = {&s->pid_map, &s->tid_map, &s->module_map};
-    for (int k = 0; k < 3; ++k) {
-        log.clear();
-        Walk w;
-        EXPECT_EQ(VELK_E_NOT_READING, enumerate(h, k, &w, 0));
-        EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + enumerators[k] +
-                                        ">read_section was not first called!\n"));
-        ASSERT_EQ(0u, VELK_reading_section(h, kSection[k]));
-        if (k == 0) {
-            EXPECT_EQ(VELK_E_BAD_POINTER, VELK_enumerate_processes(h, nullptr, nullptr, 0));
-        }
-        // 0 stops at once; the window stays, and a start inside it maps nothing.
-        w.answer = 0;
-        ASSERT_EQ(0u, enumerate(h, k, &w, 1));
-        EXPECT_EQ(1u, w.calls);
-        EXPECT_EQ(4u, w.entries[0]);
-        const unsigned char* data = maps[k]->m_data;
-        const unsigned mmaps = __VELK_mmap_tracker::m_num_mmaps;
-        ASSERT_EQ(0u, enumerate(h, k, &w, 3));
-        EXPECT_EQ(2u, w.entries[1]);
-        EXPECT_EQ(data, maps[k]->m_data);
-        EXPECT_EQ(1u, maps[k]->m_first_entry);
-        EXPECT_EQ(mmaps, __VELK_mmap_tracker::m_num_mmaps);
-        // The last record alone, then success.
-        w.answer = 1;
-        ASSERT_EQ(0u, enumerate(h, k, &w, 4));
-        EXPECT_EQ(1u, w.entries[2]);
-        // A value other than 0 and 1 ends the walk with it; the thread line
-        // names processes.
-        w.answer = 7;
-        EXPECT_EQ(7u, enumerate(h, k, &w, 0));
-        EXPECT_EQ(4u, w.calls);
-        EXPECT_TRUE(log.contains_format(std::string("<velk %u::") +
-                                        (k == 2 ? enumerators[2] : enumerators[0]) +
-                                        ">callback returned an error, exiting with value %d\n"));
-        EXPECT_TRUE(has_line_with(log, "exiting with value 7\n"));
-        if (k != 2) {
-            EXPECT_EQ(0u, VELK_done_section(h, kSection[k]));
-        }
-    }
-    // Module records walk by the descriptors' size, and 144 is cached.
-    EXPECT_EQ(144u, VELK_get_module_record_size(h));
-    EXPECT_EQ(144u, s->module_record_size);
-    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
-
+    Image f = build("c.vk7", 0, 5);
+    ASSERT_EQ(0u, open(path("c.vk7"), VELK_OPEN_READ));
+    velk_class* s = h->file_object;
     // One process at a time, into the shared slot; the section is done after.
+    const __VELK_pid* one = nullptr;
     ASSERT_EQ(0u, s->utility_get_one_pid(3, &one));
     EXPECT_EQ(&g_pid, one);
     EXPECT_EQ(503u, one->pid_id);
     EXPECT_EQ(3u, one->reserved_for_legacy);
     ASSERT_EQ(0u, s->utility_get_one_pid(1, &one));
     EXPECT_EQ(501u, g_pid.pid_id);
-    EXPECT_EQ(1u, s->sections_ptr->section_state[VELK_SECTION_PROCESS]);
+    EXPECT_EQ(VELK_STATE_EXISTS, s->sections_ptr->section_state[VELK_SECTION_PROCESS]);
     ASSERT_EQ(0u, s->helper_get_os_pid_from_pid_index(4, &os_pid));
     EXPECT_EQ(504u, os_pid);
-    EXPECT_EQ(VELK_E_BAD_READ_START, s->helper_get_os_pid_from_pid_index(5, &os_pid));
     // A failed lookup returns at once and leaves the section reading.
+    EXPECT_EQ(VELK_E_BAD_READ_START, s->helper_get_os_pid_from_pid_index(5, &os_pid));
     EXPECT_EQ(VELK_STATE_READING, s->sections_ptr->section_state[VELK_SECTION_PROCESS]);
     EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
     ASSERT_EQ(0u, VELK_close(h));
 
     // A damaged count: more records than the section's bytes hold.
-    std::vector<unsigned char> f = read_file(name);
-    const size_t slot = global_at(f, KIND_PID);
-    ASSERT_NE(std::string::npos, slot);
-    ASSERT_EQ(240u, u64_at(f, slot));
-    f[slot + 16] = 6;
-    write_file(name, f);
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
+    const Slot slot = global_slot(f.b, KIND_PID);
+    ASSERT_EQ(240u, slot.length);
+    f.put64(slot.at + 16, 6);
+    ASSERT_EQ(0u, open_image(f, "c.vk7"));
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_PROCESS));
     log.clear();
     Walk w;
     EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 0, &w, 5));
-    EXPECT_TRUE(has_line_with(log, "::helper_map_sfs>6 records of 48 bytes don't fit in a section of 240 bytes!\n"));
+    EXPECT_TRUE(log.contains_format(
+        "<velk %u::helper_map_sfs>6 records of 48 bytes don't fit in a section of 240 bytes!\n"));
     EXPECT_EQ(0u, w.calls);
     EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
     ASSERT_EQ(0u, VELK_close(h));
 }
 
-TEST_F(RecordsTest, ModulesWithoutDescriptorsHaveNoSize)
+TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
 {
-    const std::string name = path("n.vk7");
-    velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
-    ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_MODULE));
-    __VELK_module m;
-    memset(&m, 0, sizeof(m));
-    ASSERT_EQ(0u, VELK_add_module(h, &m));
-    ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
-    ASSERT_EQ(0u, VELK_close(h));
-    const std::vector<unsigned char> f = read_file(name);
-    const size_t slot = global_at(f, KIND_MODULE);
-    ASSERT_NE(std::string::npos, slot);
-    EXPECT_EQ(144u, u64_at(f, slot));
-    EXPECT_EQ(0u, u32_at(f, slot + 24));  // no descriptors: entry length 0
-
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
+    // Without descriptors the entry length is 0, and each walk is refused,
+    // the size asked for again each time.
+    const Slot slot = global_slot(build("n.vk7", 2, 1).b, KIND_MODULE);
+    EXPECT_EQ(144u, slot.length);
+    EXPECT_EQ(0u, slot.entry_length);
+    ASSERT_EQ(0u, open(path("n.vk7"), VELK_OPEN_READ));
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
     LogCapture log(0x80000000u);
     Walk w;
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(VELK_E_NO_DESCRIPTORS, enumerate(h, 2, &w, 0));
-        EXPECT_EQ(0u, h->file_object->module_record_size);  // tried again each time
+        EXPECT_EQ(0u, h->file_object->module_record_size);
     }
     EXPECT_TRUE(log.contains_format("<velk %u::VELK_enumerate_modules>module record size is 0!\n"));
+    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
+    ASSERT_EQ(0u, VELK_close(h));
+
+    // Descriptors of 200 bytes, and kind 31 emptied so that only the legacy
+    // modules are left: a translated record can't be that large.
+    Image f = build("big.vk7", 2, 1, 200);
+    f.put64(global_slot(f.b, KIND_MODULE).at, 0);
+    ASSERT_EQ(0u, open_image(f, "big.vk7"));
+    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
+    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 2, &w, 0));
+    EXPECT_TRUE(log.contains_format("<velk %u::helper_get_module_info_from_file>module record size "
+                                    "200 is more than the 144 bytes of a translated record!\n"));
     EXPECT_EQ(0u, w.calls);
     EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
     ASSERT_EQ(0u, VELK_close(h));
@@ -500,29 +443,25 @@ TEST_F(RecordsTest, ModulesWithoutDescriptorsHaveNoSize)
 
 TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
 {
-    const std::string name = path("legacy.vk5");
     const Image image = legacy_records_file();
-    write_file(name, image.b);
-    velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
+    ASSERT_EQ(0u, open_image(image, "legacy.vk5"));
     velk_class* s = h->file_object;
 
-    // Processes; in a version 5 file the thread section is read along.
+    // Processes, whole, their ids checked through their texts; in a version
+    // 5 file the thread section is read along.
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_PROCESS));
     Walk w;
     ASSERT_EQ(0u, enumerate(h, 0, &w, 0));
     ASSERT_EQ(3u, w.records.size());
-    // Whole records; the ids are checked through their texts.
     const __VELK_pid pw[3] = {{48, 100, 0x11, 0, 0x1122334455667788ull, 0, 0, {}, {}},
                               {48, 200, 0, 0, 0xFFFFFFECull, 1, 0, {}, {}},
                               {48, 300, 0, 0, 0, 2, 0, {}, {}}};
-    const char* const ptexts[3][2] = {{"/usr/bin/prog", "prog"}, {"init", "init"}, {"", ""}};
+    const char* const ptexts[3] = {"/usr/bin/prog|prog", "init|init", "|"};
     for (unsigned i = 0; i < 3; ++i) {
         __VELK_pid got = as<__VELK_pid>(w.records[i]);
-        EXPECT_EQ(ptexts[i][0], got.pid_path.id ? text_of(h, got.pid_path.id) : "") << i;
-        EXPECT_EQ(ptexts[i][1], got.pid_name.id ? text_of(h, got.pid_name.id) : "") << i;
+        EXPECT_EQ(ptexts[i], texts_of(h, got.pid_path, got.pid_name)) << i;
         got.pid_path.id = got.pid_name.id = 0;
-        EXPECT_EQ(0, memcmp(&pw[i], &got, sizeof(got))) << i;
+        EXPECT_EQ(bytes_of(pw[i]), bytes_of(got)) << i;
     }
     EXPECT_EQ(144u, s->sections_ptr->sfs_pid.length);
     EXPECT_EQ(3u, s->sections_ptr->sfs_pid.number_entries);
@@ -534,8 +473,7 @@ TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
     ASSERT_EQ(0u, s->pid_map.Unmap_File());
     Walk again;
     ASSERT_EQ(0u, enumerate(h, 0, &again, 1));
-    EXPECT_EQ(std::vector<std::vector<unsigned char>>(w.records.begin() + 1, w.records.end()),
-              again.records);
+    EXPECT_EQ(Rows(w.records.begin() + 1, w.records.end()), again.records);
     EXPECT_EQ(store, s->sections_ptr->new_pid_store->handle);
     EXPECT_EQ(strings, s->strings_store->Size());
     EXPECT_EQ(144u, s->sections_ptr->sfs_pid.length);
@@ -544,157 +482,102 @@ TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
     EXPECT_EQ(VELK_STATE_READING, s->sections_ptr->section_state[VELK_SECTION_THREAD]);
     Walk tw;
     ASSERT_EQ(0u, enumerate(h, 1, &tw, 0));
-    ASSERT_EQ(2u, tw.records.size());
     const __VELK_tid tw_want[2] = {{40, 100, 11, 1, 3, 0, 0, {}}, {40, 200, 12, 0x10, 77, 1, 0, {}}};
-    EXPECT_EQ(bytes_of(std::vector<__VELK_tid>(tw_want, tw_want + 2)), tw.records);
+    EXPECT_EQ((Rows{bytes_of(tw_want[0]), bytes_of(tw_want[1])}), tw.records);
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
 
-    // Modules, with the built-in record size of 144.
+    // Modules, with the built-in record size of 144: the 64-bit one with
+    // every carried flag and 64-bit counts; the 32-bit one with low halves
+    // and 32-bit counts. A relative path is its own name; a third text
+    // costs the path.
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
     Walk mw;
     ASSERT_EQ(0u, enumerate(h, 2, &mw, 0));
     ASSERT_EQ(4u, mw.records.size());
-    __VELK_module mwant[4];
-    memset(mwant, 0, sizeof(mwant));
-    const uint32_t mpids[4] = {100, 200, 300, 0};
-    for (int i = 0; i < 4; ++i) {
-        mwant[i].module_size = 144, mwant[i].pid = mpids[i], mwant[i].pid_index = 0xFFFFFFFF;
-        mwant[i].module_flags = VELK_MODULE_HAS_LOAD_COUNT;
-    }
-    // 64-bit with every carried flag and 64-bit counts.
-    mwant[0].module_flags = 0x80 | 0x400 | 0x800 | 0x1000 | 0x8000 | 0x10000;
-    mwant[0].sc_load = 0x99, mwant[0].sc_unload = 0x200000010ull, mwant[0].module_ref = 0xABCD;
-    mwant[0].segment_type = 3, mwant[0].code_segment = 0x33, mwant[0].legacy_flags = 0x5A0A23;
-    mwant[0].module_length = 0x100000005ull, mwant[0].module_load_address = 0x7F0000001000ull;
-    // 32-bit: low halves only, 32-bit counts.
-    mwant[1].module_flags = 0x100 | 0x800 | 0x4000, mwant[1].segment_type = 1;
-    mwant[1].legacy_flags = 0x0480, mwant[1].module_length = 0x1000;
-    mwant[1].module_load_address = 0x2000, mwant[1].sc_load = 7, mwant[1].sc_unload_32 = 0xFFFFFFFF;
-    mwant[2].legacy_flags = 0x100;
-    // A relative path is its own name; a third text costs the path.
-    const char* const mtexts[4][2] = {
-        {"/lib/libc.so", "libc.so"}, {"lib/x.so", "lib/x.so"}, {"", "b.dll"}, {"rel.so", "rel.so"}};
+    const __VELK_module mwant[4] = {
+        {144, 0, 100, 0x80 | 0x400 | 0x800 | 0x1000 | 0x8000 | 0x10000, 0x99, 0xABCD, 3, 0x33, 0,
+         0x100000005ull, 0x7F0000001000ull, 0, kNone, 0x5A0A23, 0, 0x200000010ull, {}, {}, {}, {}},
+        {144, 0, 200, 0x100 | 0x800 | 0x4000, 7, 0, 1, 0, 0, 0x1000, 0x2000, 0xFFFFFFFF, kNone,
+         0x0480, 0, 0, {}, {}, {}, {}},
+        {144, 0, 300, 0x8000, 0, 0, 0, 0, 0, 0, 0, 0, kNone, 0x100, 0, 0, {}, {}, {}, {}},
+        {144, 0, 0, 0x8000, 0, 0, 0, 0, 0, 0, 0, 0, kNone, 0, 0, 0, {}, {}, {}, {}}};
+    const char* const mtexts[4] = {"/lib/libc.so|libc.so", "lib/x.so|lib/x.so", "|b.dll",
+                                   "rel.so|rel.so"};
     for (int i = 0; i < 4; ++i) {
         __VELK_module got = as<__VELK_module>(mw.records[i]);
-        EXPECT_EQ(mtexts[i][0], got.module_path.id ? text_of(h, got.module_path.id) : "") << i;
-        EXPECT_EQ(mtexts[i][1], got.module_name.id ? text_of(h, got.module_name.id) : "") << i;
+        EXPECT_EQ(mtexts[i], texts_of(h, got.module_path, got.module_name)) << i;
         got.module_path.id = got.module_name.id = 0;
-        EXPECT_EQ(0, memcmp(&mwant[i], &got, sizeof(got))) << i;
+        EXPECT_EQ(bytes_of(mwant[i]), bytes_of(got)) << i;
     }
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
     ASSERT_EQ(0u, VELK_close(h));
-    EXPECT_EQ(image.b, read_file(name));
+    EXPECT_EQ(image.b, read_file(path("legacy.vk5")));
 }
 
 TEST_F(RecordsTest, DamagedLegacySectionsAreRefused)
 {
-    const Image good = legacy_records_file();
-    // Each damage, the walk that meets it, and a part of its line.
-    struct Case { const char* what; size_t at; unsigned width; uint32_t value; int kind; const char* line; };
-    const Case cases[] = {
-        {"pid text past the section", kPids + 40 + 32, 4, 137, 0,
-         "::helper_get_pid_info_from_file>record 1 has a text of 5 bytes at 137, outside its section of 139 bytes!"},
-        {"pid text offset far out", kPids + 32, 4, 0xFFFFFFF0u, 0,
-         "::helper_get_pid_info_from_file>record 0 has a text of 14 bytes at 4294967280"},
-        {"pid name past its text", kPids + 38, 2, 15, 0,
-         "::helper_get_pid_info_from_file>record 0 has a name at 15, past its text of 14 bytes!"},
-        {"pid count above the length", 16 + 20 + 8, 4, 4, 0,
-         "::helper_get_pid_info_from_file>4 legacy records of 40 bytes don't fit in a section of 139 bytes!"},
-        {"tid count above the length", 16 + 40 + 8, 4, 3, 1,
-         "::helper_get_tid_info_from_file>3 legacy records of 40 bytes don't fit in a section of 80 bytes!"},
-        {"module path past the section", kModules + 48, 2, 60, 2,
-         "::helper_get_module_info_from_file>record 0 has a text of 60 bytes at 256, outside its section of 302 bytes!"},
-        {"module third text past the section", kModules + 128 + 52, 4, 300, 2,
-         "::helper_get_module_info_from_file>record 2 has a text of 6 bytes at 300, outside"},
-        {"module name past its text", kModules + 50, 2, 14, 2,
-         "::helper_get_module_info_from_file>record 0 has a name at 14, past its text of 13 bytes!"},
+    // Each damage, the walk that meets it, and its line.
+    const struct { size_t at; unsigned width; uint32_t value; int kind; const char* line; } cases[] = {
+        {kPids + 40 + 32, 4, 135, 0,
+         "pid_info_from_file>record 1 has a text of 5 bytes at 135, outside its section of 139 bytes!"},
+        {kPids + 32, 4, 0xFFFFFFF0u, 0,
+         "pid_info_from_file>record 0 has a text of 14 bytes at 4294967280, outside its section of 139 bytes!"},
+        {kPids + 38, 2, 15, 0, "pid_info_from_file>record 0 has a name at 15, past its text of 14 bytes!"},
+        {16 + 20 + 8, 4, 4, 0,
+         "pid_info_from_file>4 legacy records of 40 bytes don't fit in a section of 139 bytes!"},
+        {16 + 40 + 8, 4, 3, 1,
+         "tid_info_from_file>3 legacy records of 40 bytes don't fit in a section of 80 bytes!"},
+        {kModules + 48, 2, 60, 2,
+         "module_info_from_file>record 0 has a text of 60 bytes at 256, outside its section of 302 bytes!"},
+        {kModules + 128 + 52, 4, 300, 2,
+         "module_info_from_file>record 2 has a text of 6 bytes at 300, outside its section of 302 bytes!"},
+        {kModules + 50, 2, 14, 2, "module_info_from_file>record 0 has a name at 14, past its text of 13 bytes!"},
     };
-    for (const Case& c : cases) {
-        Image f = good;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        Image f = legacy_records_file();
         f.put(c.at, &c.value, c.width);
-        const std::string name = path("damaged.vk5");
-        write_file(name, f.b);
-        velk_handle* h = nullptr;
-        ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ)) << c.what;
-        ASSERT_EQ(0u, VELK_reading_section(h, kSection[c.kind])) << c.what;
+        ASSERT_EQ(0u, open_image(f, "damaged.vk5"));
+        ASSERT_EQ(0u, VELK_reading_section(h, kSection[c.kind]));
         LogCapture log(0x80000000u);
         // Refused each time: a failed translation leaves no store behind.
         for (int i = 0; i < 2; ++i) {
             Walk w;
-            EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, c.kind, &w, 0)) << c.what;
-            EXPECT_EQ(0u, w.calls) << c.what;
+            EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, c.kind, &w, 0));
+            EXPECT_EQ(0u, w.calls);
         }
-        EXPECT_TRUE(has_line_with(log, c.line)) << c.what;
+        EXPECT_TRUE(log.contains_format(std::string("<velk %u::helper_get_") + c.line + "\n"));
         const velk_section_block* b = h->file_object->sections_ptr;
-        const FILE_INFO_NODE* store = c.kind == 0 ? b->new_pid_store : c.kind == 1 ? b->new_tid_store : b->new_module_store;
-        EXPECT_EQ(-1, store->handle) << c.what;
-        const __VELK_sample_file_section_vk6& sfs = c.kind == 0 ? b->sfs_pid : c.kind == 1 ? b->sfs_tid : b->sfs_module;
-        EXPECT_EQ(0u, sfs.length + sfs.number_entries) << c.what;
-        ASSERT_EQ(0u, VELK_done_section(h, kSection[c.kind])) << c.what;
-        ASSERT_EQ(0u, VELK_close(h)) << c.what;
-        unlink(name.c_str());
+        const FILE_INFO_NODE* stores[3] = {b->new_pid_store, b->new_tid_store, b->new_module_store};
+        const __VELK_sample_file_section_vk6* sfs[3] = {&b->sfs_pid, &b->sfs_tid, &b->sfs_module};
+        EXPECT_EQ(-1, stores[c.kind]->handle);
+        EXPECT_EQ(0u, sfs[c.kind]->length + sfs[c.kind]->number_entries);
+        ASSERT_EQ(0u, VELK_done_section(h, kSection[c.kind]));
+        ASSERT_EQ(0u, VELK_close(h));
     }
 }
-
-namespace {
-
-struct ScaleWalk {
-    unsigned calls = 0;
-    std::vector<unsigned char> seen;
-    bool in_order = true;
-    unsigned long long next = 0;
-};
-
-unsigned scale_cb(__VELK_module* records, unsigned bytes, unsigned entries, void* context)
-{
-    ScaleWalk* w = static_cast<ScaleWalk*>(context);
-    ++w->calls;
-    if (bytes != entries * 144u || bytes > 0x2000000u)
-        w->in_order = false;
-    for (unsigned i = 0; i < entries; ++i) {
-        const uint32_t ref = records[i].module_ref;
-        if (ref != w->next++ || ref >= w->seen.size())
-            w->in_order = false;
-        else
-            ++w->seen[ref];
-    }
-    return 1;
-}
-
-}  // namespace
 
 TEST_F(RecordsTest, ModuleSectionAboveOneWindowIsWalkedInWindows)
 {
     const unsigned n = 233100;  // 33,566,400 bytes: more than one window of 0x2000000
-    const std::string name = path("big.vk7");
-    velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
-    ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_MODULE));
-    __VELK_module m;
-    memset(&m, 0, sizeof(m));
-    m.module_size = 144;
-    for (unsigned i = 0; i < n; ++i) {
-        m.module_ref = i;
-        ASSERT_EQ(0u, VELK_add_module(h, &m)) << i;
-    }
-    ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
-    add_module_descriptors(h);
-    ASSERT_EQ(0u, VELK_close(h));
-
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
+    build("big.vk7", 2, n, 144);
+    ASSERT_EQ(0u, open(path("big.vk7"), VELK_OPEN_READ));
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
-    const unsigned long long per_window = 0x2000000 / 144;
-    for (unsigned long long start : {0ull, 1ull, per_window - 1, per_window + 5}) {
-        ScaleWalk w;
-        w.seen.assign(n, 0);
-        w.next = start;
-        VELK_MODULE_CALLBACK cb = scale_cb;
-        ASSERT_EQ(0u, VELK_enumerate_modules(h, &cb, &w, start)) << start;
-        EXPECT_TRUE(w.in_order) << start;
-        EXPECT_EQ(n, w.next) << start;
-        EXPECT_EQ(n - start > per_window ? 2u : 1u, w.calls) << start;
-        EXPECT_EQ(0, std::count(w.seen.begin() + start, w.seen.end(), 0)) << start;
-        EXPECT_EQ((long long)start, std::count(w.seen.begin(), w.seen.end(), 0)) << start;
+    const unsigned per_window = 0x2000000 / 144;
+    for (unsigned start : {0u, 1u, per_window - 1, per_window + 5}) {
+        // Every record from the start on, once and in order, in windows of
+        // at most 0x2000000 bytes.
+        SCOPED_TRACE(start);
+        Walk w;
+        ASSERT_EQ(0u, enumerate(h, 2, &w, start));
+        EXPECT_EQ(n - start > per_window ? 2u : 1u, w.calls);
+        for (unsigned entries : w.entries)
+            EXPECT_LE(entries, per_window);
+        ASSERT_EQ(n - start, w.records.size());
+        size_t misplaced = 0;
+        for (size_t i = 0; i < w.records.size(); ++i)
+            misplaced += u32_at(w.records[i], 24) != start + i;  // module_ref
+        EXPECT_EQ(0u, misplaced);
     }
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
     ASSERT_EQ(0u, VELK_close(h));
@@ -712,16 +595,14 @@ TEST_F(RecordsTest, LegacyBoundModulesTakeTheirProcessFromTheIndex)
     f.put8(416 + 392, 0xC9);
     f.put32(1496, 2), f.put8(1496 + 4, 0x01), f.put32(1496 + 28, 32);
     f.b.resize(1496 + 112 + 24, 0);
-    const uint32_t words[4] = {1, 0, 2, 1};
+    const uint32_t words[4] = {1, 0, 2, 1}, os_pids[4] = {200, 100, 300, 200};
     for (int i = 0; i < 4; ++i)
         f.put32(kModules + i * 64 + 32, words[i]);
     for (const uint32_t last : {1u, 3u}) {
+        SCOPED_TRACE(last);
         f.put32(kModules + 3 * 64 + 32, last);
-        const std::string name = path("bound.vk5");
-        write_file(name, f.b);
-        velk_handle* h = nullptr;
-        ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
-        velk_class* s = h->file_object;
+        ASSERT_EQ(0u, open_image(f, "bound.vk5"));
+        const velk_section_block* b = h->file_object->sections_ptr;
         unsigned bound = 0;
         ASSERT_EQ(0u, VELK_is_legacy_bound(h, &bound));
         ASSERT_EQ(1u, bound);
@@ -731,26 +612,24 @@ TEST_F(RecordsTest, LegacyBoundModulesTakeTheirProcessFromTheIndex)
         if (last == 1) {
             ASSERT_EQ(0u, enumerate(h, 2, &w, 0));
             ASSERT_EQ(4u, w.records.size());
-            const uint32_t os_pids[4] = {200, 100, 300, 200};
             for (int i = 0; i < 4; ++i) {
                 const __VELK_module m = as<__VELK_module>(w.records[i]);
                 EXPECT_EQ(words[i], m.pid_index) << i;
                 EXPECT_EQ(os_pids[i], m.pid) << i;
                 EXPECT_EQ(0u, m.osid) << i;
             }
-            EXPECT_EQ(VELK_STATE_EXISTS, s->sections_ptr->section_state[VELK_SECTION_PROCESS]);
+            EXPECT_EQ(VELK_STATE_EXISTS, b->section_state[VELK_SECTION_PROCESS]);
         } else {
             // An index past the process table ends the translation with the
             // lookup's status; the process section stays reading.
             EXPECT_EQ(VELK_E_BAD_READ_START, enumerate(h, 2, &w, 0));
             EXPECT_EQ(0u, w.calls);
             EXPECT_TRUE(log.contains_format("<velk %u::helper_map_velk_sfs>invalid read start!\n"));
-            EXPECT_EQ(-1, s->sections_ptr->new_module_store->handle);
-            EXPECT_EQ(VELK_STATE_READING, s->sections_ptr->section_state[VELK_SECTION_PROCESS]);
+            EXPECT_EQ(-1, b->new_module_store->handle);
+            EXPECT_EQ(VELK_STATE_READING, b->section_state[VELK_SECTION_PROCESS]);
             EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
         }
         ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
         ASSERT_EQ(0u, VELK_close(h));
-        unlink(name.c_str());
     }
 }
