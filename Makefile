@@ -2,7 +2,7 @@
 # demo; `make check` builds and runs every test in the release and the
 # sanitizer build. Both install missing build tools first.
 JOBS ?= $(shell nproc)
-DEMO_FILE ?= $(CURDIR)/build/demo.vk7
+DEMO_FILE ?= build/demo.vk7
 
 .PHONY: run check deps build build-asan test test-asan bench clean
 
