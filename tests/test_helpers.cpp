@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "sampling_utils.h"
+#include "velk_class/velk_class.h"
 
 namespace velk_test {
 
@@ -248,6 +249,30 @@ std::string text_of(velk_handle* h, unsigned long long id)
     if (VELK_convert_uniqueid_to_string(h, size, &s, wide.data(), &size) != 0)
         return "?";
     return narrow(wide.data());
+}
+
+void Image::put(size_t at, const void* data, size_t n)
+{
+    if (b.size() < at + n)
+        b.resize(at + n, 0);
+    memcpy(&b[at], data, n);
+}
+
+void Image::slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uint64_t entries,
+                 uint32_t entry_length, uint32_t kind)
+{
+    __VELK_sample_file_section_vk6 sfs = {length, offset, entries, entry_length, kind, 0, 0};
+    if (form == 40) {
+        put(at, &sfs, 40);
+    } else if (form == 32) {
+        __VELK_sample_file_section d;
+        velk_class::helper_copy_sfs_velk(&d, &sfs, 1);
+        put(at, &d, 32);
+    } else {
+        SampleFileSections_s d;
+        velk_class::helper_copy_sfs(&d, &sfs, 1);
+        put(at, &d, 20);
+    }
 }
 
 }  // namespace velk_test

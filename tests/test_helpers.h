@@ -59,6 +59,24 @@ std::string narrow(const wchar_t* text);
 // The text behind a string id of a session, or "?" when it has none.
 std::string text_of(velk_handle* h, unsigned long long id);
 
+// A file image built byte by byte; each put grows it as needed.
+struct Image {
+    std::vector<unsigned char> b;
+    void put(size_t at, const void* data, size_t n);
+    void put8(size_t at, uint8_t v) { put(at, &v, 1); }
+    void put16(size_t at, uint16_t v) { put(at, &v, 2); }
+    void put32(size_t at, uint32_t v) { put(at, &v, 4); }
+    void put64(size_t at, uint64_t v) { put(at, &v, 8); }
+    // A section descriptor at `at` in the 40-byte form (version 6 and 7
+    // tables), the 32-byte form (version 5 global and stream tables) or the
+    // 20-byte form (version 5 section table).
+    void slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uint64_t entries,
+              uint32_t entry_length, uint32_t kind);
+};
+
+// A wide text literal as the non-const pointer the records carry.
+inline wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
+
 // Captures every log line whose mask shares a bit with `mask` while alive.
 class LogCapture {
 public:

@@ -21,7 +21,8 @@ Desc desc(uint16_t type, uint32_t offset, uint32_t length, const wchar_t* name)
 {
     Desc d;
     memset(&d, 0xAB, sizeof(d));  // the reserved bytes must not come back
-    d.entry_size = 72, d.field_offset = offset, d.field_type = type, d.field_qualifier = 0, d.field_length = length;
+    d.entry_size = 72, d.field_offset = offset, d.field_type = type, d.field_qualifier = 0,
+    d.field_length = length;
     d.name.text = const_cast<wchar_t*>(name);
     return d;
 }
@@ -50,33 +51,31 @@ void read_desc(velk_handle* h, unsigned stream)
 }
 
 // A log line of the session behind `h`.
-std::string line(velk_handle* h, const std::string& tail) { return "<velk " + std::to_string(h->file_object->instance) + tail; }
+std::string line(velk_handle* h, const std::string& tail)
+{
+    return "<velk " + std::to_string(h->file_object->instance) + tail;
+}
 
 // A version 5 or 6 file: header ex, 96 bytes of legacy samples (kind 1) and,
 // unless `header_length` is 0, a sample record header (kind 19) of that
 // length with a sample part at 0 and a time stamp of 8 bytes at 32.
-std::vector<unsigned char> legacy_file(unsigned version, uint8_t flags, uint32_t record_size, uint32_t header_length)
+std::vector<unsigned char> legacy_file(unsigned version, uint8_t flags, uint32_t record_size,
+                                       uint32_t header_length)
 {
-    std::vector<unsigned char> f(version == 5 ? 416 : 816, 0);
-    memcpy(f.data(), version == 5 ? "SampleF \x1b\0\0\0\x14" : "Sample6 \x1b\0\0\0\x14", 13);
-    const size_t ex = f.size(), data = ex + 464, header = data + 96;
-    auto slot = [&](unsigned n, uint64_t length, uint64_t offset, uint32_t kind) {
-        __VELK_sample_file_section_vk6 sfs = {length, offset, 1, (uint32_t)length, kind, 0, 0};
-        SampleFileSections_s d;  // the 20-byte form of version 5
-        velk_class::helper_copy_sfs(&d, &sfs, 1);
-        memcpy(&f[16 + n * (version == 5 ? 20 : 40)], version == 5 ? (void*)&d : (void*)&sfs, version == 5 ? 20 : 40);
-    };
-    slot(0, 460, ex, KIND_LEGACY_HEADER_EX);
-    slot(1, 96, data, KIND_LEGACY_SAMPLE_RECORD);
+    Image f;
+    const unsigned form = version == 5 ? 20 : 40;
+    const size_t ex = version == 5 ? 416 : 816, data = ex + 464, header = data + 96;
+    f.put(0, version == 5 ? "SampleF " : "Sample6 ", 8), f.put32(8, 27), f.put32(12, 20);
+    f.slot(16, form, 460, ex, 1, 460, KIND_LEGACY_HEADER_EX);
+    f.slot(16 + form, form, 96, data, 1, 96, KIND_LEGACY_SAMPLE_RECORD);
     if (header_length != 0)
-        slot(2, header_length, header, KIND_LEGACY_SAMPLE_RECORD_HEADER);
+        f.slot(16 + 2 * form, form, header_length, header, 1, header_length,
+               KIND_LEGACY_SAMPLE_RECORD_HEADER);
     velk_legacy_samprec_header h;
     memset(&h, 0, sizeof(h));
     h.flags = flags, h.timestamp_offset = 32, h.record_size = record_size, h.timestamp_length = 8;
-    f.resize(header);
-    const std::vector<unsigned char> record = bytes_of(h);
-    f.insert(f.end(), record.begin(), record.end());
-    return f;
+    f.put(header, &h, sizeof(h));
+    return f.b;
 }
 
 using DescriptorsTest = TempDirTest;
@@ -87,7 +86,8 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
 {
     const std::string name = path("d.vk7");
     velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+    ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(),
+                            VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
     velk_class* vc = h->file_object;
     ASSERT_EQ(0u, VELK_writing_stream(h, 0));
     ASSERT_EQ(0u, VELK_writing_stream(h, 1));
@@ -99,12 +99,18 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     // a section nor a list has no descriptors.
     LogCapture log(0x80000000u);
     const struct { unsigned status, got; std::string tail; } refusals[] = {
-        {145, VELK_add_data_descriptor_entry(h, 0, nullptr), "::VELK_add_data_descriptor_entry>nothing to write!\n"},
-        {125, VELK_add_data_descriptor_entry(h, 0, &a[0]), "::VELK_add_data_descriptor_entry>write_section was not first called!\n"},
-        {145, VELK_add_stream_section_descriptor(h, VELK_SECTION_MODULE, 0, nullptr, 1), "::VELK_add_stream_section_descriptor>nothing to write!\n"},
-        {125, VELK_add_stream_section_descriptor(h, VELK_SECTION_MODULE, 0, a, 1), "::VELK_add_stream_section_descriptor>write_section was not first called!\n"},
-        {145, VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, nullptr, 1), "::VELK_add_global_section_descriptor>nothing to write!\n"},
-        {125, VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, a, 1), "::VELK_add_global_section_descriptor>write_section was not first called!\n"},
+        {145, VELK_add_data_descriptor_entry(h, 0, nullptr),
+         "::VELK_add_data_descriptor_entry>nothing to write!\n"},
+        {125, VELK_add_data_descriptor_entry(h, 0, &a[0]),
+         "::VELK_add_data_descriptor_entry>write_section was not first called!\n"},
+        {145, VELK_add_stream_section_descriptor(h, VELK_SECTION_MODULE, 0, nullptr, 1),
+         "::VELK_add_stream_section_descriptor>nothing to write!\n"},
+        {125, VELK_add_stream_section_descriptor(h, VELK_SECTION_MODULE, 0, a, 1),
+         "::VELK_add_stream_section_descriptor>write_section was not first called!\n"},
+        {145, VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, nullptr, 1),
+         "::VELK_add_global_section_descriptor>nothing to write!\n"},
+        {125, VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, a, 1),
+         "::VELK_add_global_section_descriptor>write_section was not first called!\n"},
         {82, vc->helper_check_if_data_desc_exists(1), "> no data descriptor info exists!\n"},
     };
     for (const auto& r : refusals) {
@@ -142,9 +148,13 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     // A group runs from the section's id to the next head; an id of -2
     // leaves the section's descriptor as the adds set it.
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_DESCRIPTOR));
-    const struct { VELK_SECTION_IDENTIFIER section; int32_t id; int count; uint64_t first, second; } globals[] = {
-        {VELK_SECTION_THREAD, -2, 2, 31, 4},
-        {VELK_SECTION_CONFIGURATION, -2, 2, 31, 12},
+    const struct {
+        VELK_SECTION_IDENTIFIER section;
+        int32_t id;
+        int count;
+        uint64_t first, second;
+    } globals[] = {
+        {VELK_SECTION_THREAD, -2, 2, 31, 4},       {VELK_SECTION_CONFIGURATION, -2, 2, 31, 12},
         {VELK_SECTION_VERSION_INFO, -2, -1, 0, 0},  // no section descriptor: no id
         {VELK_SECTION_SYSTEM, 99, -1, 0, 0},        // a group index past the table is never reached
         {VELK_SECTION_SYSTEM, 1, 1, 9, 0},          // a group at a non-head ends at the next head
@@ -160,9 +170,11 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
         if (c.count < 0)
             EXPECT_EQ(&a[0], entries);
         else
-            EXPECT_EQ((Words{c.first, c.second}), (Words{entries[0].field_type, c.count > 1 ? entries[1].field_type : 0u}));
+            EXPECT_EQ((Words{c.first, c.second}),
+                      (Words{entries[0].field_type, c.count > 1 ? entries[1].field_type : 0u}));
     }
-    EXPECT_EQ(VELK_E_NOT_READING, VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, nullptr, nullptr));
+    EXPECT_EQ(VELK_E_NOT_READING,
+              VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, nullptr, nullptr));
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
 
     for (unsigned stream : {0u, 1u}) {
@@ -175,16 +187,20 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     // table, 72-byte records with bytes 40 to 71 zero, the markers, and the
     // group id in the legacy software configuration's entry.
     const std::vector<unsigned char> f = read_file(name);
-    const Slot s37 = stream_slot(f, 0, KIND_DATA_DESCRIPTION), s46 = global_slot(f, KIND_GLOBAL_DESCRIPTOR);
+    const Slot s37 = stream_slot(f, 0, KIND_DATA_DESCRIPTION),
+               s46 = global_slot(f, KIND_GLOBAL_DESCRIPTOR);
     const Slot s13 = legacy_slot(f, KIND_LEGACY_SOFTWARE_CONFIG);
     ASSERT_TRUE(s37.at != 0 && s46.at != 0 && s13.at != 0);
     const size_t d0 = s37.file_offset;
-    // kind 37's length, count, entry size, stream; the first record's size word, type and name; kind 46's length
+    // kind 37's length, count, entry size, stream; the first record's size word, type and name;
+    // kind 46's length
     EXPECT_EQ((Words{360, 5, 72, 0, 72, 31, a[0].name.id, 6 * 72, 2}),
-              (Words{s37.length, s37.number_entries, s37.entry_length, u32_at(f, s37.at + 32), u32_at(f, d0),
-                     u32_at(f, d0 + 8) & 0xFFFF, u64_at(f, d0 + 32), s46.length, u32_at(f, s13.at + 36)}));
+              (Words{s37.length, s37.number_entries, s37.entry_length, u32_at(f, s37.at + 32),
+                     u32_at(f, d0), u32_at(f, d0 + 8) & 0xFFFF, u64_at(f, d0 + 32), s46.length,
+                     u32_at(f, s13.at + 36)}));
     for (size_t i = 0; i < 5; ++i)
-        EXPECT_EQ(std::vector<unsigned char>(32, 0), slice(f, d0 + i * 72 + 40, 32)) << "record " << i;
+        EXPECT_EQ(std::vector<unsigned char>(32, 0), slice(f, d0 + i * 72 + 40, 32))
+            << "record " << i;
     expect_ending(f, d0 + 360, "end velk metadata");
     expect_ending(f, s46.file_offset + 6 * 72, "end velk global descriptor");
 
@@ -203,7 +219,8 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     EXPECT_EQ(124u, VELK_get_data_desc_table(h, 0, &table, &nodes));
     EXPECT_EQ(124u, VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, &entries, &count));
     EXPECT_EQ(4u, log.count_prefix("<velk"));
-    EXPECT_EQ(2, std::count(log.lines().begin(), log.lines().end(), line(h, "::VELK_enumerate_data_descriptor_entries" + unread)));
+    EXPECT_EQ(2, std::count(log.lines().begin(), log.lines().end(),
+                            line(h, "::VELK_enumerate_data_descriptor_entries" + unread)));
     EXPECT_TRUE(log.contains(line(h, "::helper_get_data_desc_table" + unread)));
     EXPECT_TRUE(log.contains(line(h, "::VELK_get_global_section_descriptor" + unread)));
     EXPECT_TRUE(none.calls.empty());
@@ -213,7 +230,10 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     ASSERT_EQ(0u, VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &all));
     ASSERT_EQ(1u, all.calls.size());
     ASSERT_EQ(5u, all.calls[0].size());
-    const struct { const char* name; uint16_t type; } back[5] = {{"group a", 31}, {"sample", 1}, {"ts", 7}, {"group b", 31}, {"?", 5}};
+    const struct {
+        const char* name;
+        uint16_t type;
+    } back[5] = {{"group a", 31}, {"sample", 1}, {"ts", 7}, {"group b", 31}, {"?", 5}};
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(back[i].name, text_of(h, all.calls[0][i].name.id)) << i;
         EXPECT_EQ(back[i].type, all.calls[0][i].field_type) << i;
@@ -227,13 +247,17 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
         EXPECT_EQ(answer == 7 ? 7u : 0u, VELK_enumerate_data_descriptors(h, 0, &g_cb, &groups));
         ASSERT_EQ(answer == 1 ? 2u : 1u, groups.calls.size());
         EXPECT_TRUE(groups.calls[0].size() == 3 && groups.firsts[0] == all.firsts[0]);
-        EXPECT_TRUE(answer != 1 || (groups.calls[1].size() == 2 && groups.firsts[1] == all.firsts[0] + 3));
-        EXPECT_EQ(answer == 7, log.contains(line(h, "::VELK_enumerate_data_descriptors>callback returned an error, exiting with value 7\n")));
+        EXPECT_TRUE(answer != 1 ||
+                    (groups.calls[1].size() == 2 && groups.firsts[1] == all.firsts[0] + 3));
+        EXPECT_EQ(answer == 7, log.contains(line(h,
+                                                 "::VELK_enumerate_data_descriptors>callback "
+                                                 "returned an error, exiting with value 7\n")));
     }
     ASSERT_EQ(0u, VELK_get_data_desc_table(h, 0, &table, &nodes));
     ASSERT_EQ(2u, nodes);
-    EXPECT_EQ((Words{3, 40, 2, 8, 5}), (Words{table[0].num_entries, table[0].group_length, table[1].num_entries,
-                                               table[1].group_length, table[1].entries[1]->field_type}));
+    EXPECT_EQ((Words{3, 40, 2, 8, 5}),
+              (Words{table[0].num_entries, table[0].group_length, table[1].num_entries,
+                     table[1].group_length, table[1].entries[1]->field_type}));
     EXPECT_EQ(all.firsts[0] + 2, table[0].entries[2]);
     for (unsigned i = 0; i < nodes; ++i)
         free(table[i].entries);
@@ -249,14 +273,17 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     one.answer = 9;
     log.clear();
     EXPECT_EQ(9u, VELK_enumerate_data_descriptor_entries(h, 1, &g_cb, &one));
-    EXPECT_TRUE(log.contains(line(h, "::VELK_enumerate_data_descriptor_entries>callback returned an error, exiting with value 9\n")));
+    EXPECT_TRUE(log.contains(line(h,
+                                  "::VELK_enumerate_data_descriptor_entries>callback returned an "
+                                  "error, exiting with value 9\n")));
     ASSERT_EQ(1u, one.calls.size());
     ASSERT_EQ(2u, one.calls[0].size());
     EXPECT_EQ("index", text_of(h, one.calls[0][1].name.id));
     ASSERT_EQ(0u, VELK_done_stream_section(h, 1, kDescSection));
     // The group of a section came back through its legacy table entry.
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_DESCRIPTOR));
-    ASSERT_EQ(0u, VELK_get_global_section_descriptor(h, VELK_SECTION_CONFIGURATION, &entries, &count));
+    ASSERT_EQ(0u,
+              VELK_get_global_section_descriptor(h, VELK_SECTION_CONFIGURATION, &entries, &count));
     ASSERT_EQ(2, count);
     EXPECT_EQ("config", text_of(h, entries[0].name.id));
     EXPECT_EQ(24u, entries[1].field_length);
@@ -266,7 +293,8 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     // A count that doesn't fit its section's length is refused.
     const struct { size_t at; std::string tail; } damaged[] = {
         {s37.at, "::helper_get_data_descriptors_from_file>6 descriptors don't fit in 360 bytes!\n"},
-        {s46.at, "::helper_get_global_data_descriptors_from_file>7 descriptors don't fit in 432 bytes!\n"},
+        {s46.at,
+         "::helper_get_global_data_descriptors_from_file>7 descriptors don't fit in 432 bytes!\n"},
     };
     for (const auto& d : damaged) {
         std::vector<unsigned char> bad = f;
@@ -276,8 +304,10 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
         read_desc(h, 0);
         ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_DESCRIPTOR));
         log.clear();
-        EXPECT_EQ(d.at == s37.at ? VELK_E_BAD_FILE : 0u, VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &none));
-        EXPECT_EQ(d.at == s46.at ? VELK_E_BAD_FILE : 0u, VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, &entries, &count));
+        EXPECT_EQ(d.at == s37.at ? VELK_E_BAD_FILE : 0u,
+                  VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &none));
+        EXPECT_EQ(d.at == s46.at ? VELK_E_BAD_FILE : 0u,
+                  VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, &entries, &count));
         EXPECT_TRUE(log.contains(line(h, d.tail))) << d.tail;
         ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
         ASSERT_EQ(0u, VELK_done_stream_section(h, 0, kDescSection));
@@ -294,8 +324,20 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
         unsigned version, flags, record_size, header_length, status;
         std::vector<Row> rows;
     } cases[] = {
-        {"sample and time stamp", 6, 0x05, 48, 112, 0, {sample, ts, {40, 23, 32, 8, "LEGACY_UNKNOWN"}}},
-        {"version 5, on-disk flags", 5, 0x77, 48, 112, 0, {sample, ts, {40, 23, 32, 8, "LEGACY_UNKNOWN"}}},
+        {"sample and time stamp",
+         6,
+         0x05,
+         48,
+         112,
+         0,
+         {sample, ts, {40, 23, 32, 8, "LEGACY_UNKNOWN"}}},
+        {"version 5, on-disk flags",
+         5,
+         0x77,
+         48,
+         112,
+         0,
+         {sample, ts, {40, 23, 32, 8, "LEGACY_UNKNOWN"}}},
         {"sample only", 6, 0x01, 56, 112, 0, {sample, {40, 23, 0, 16, "LEGACY_UNKNOWN"}}},
         {"record of 40", 6, 0x05, 40, 112, 0, {sample, ts}},
         {"neither bit", 6, 0x0A, 40, 112, 0, {}},
@@ -304,13 +346,15 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        write_file(path("legacy"), legacy_file(c.version, (uint8_t)c.flags, c.record_size, c.header_length));
+        write_file(path("legacy"),
+                   legacy_file(c.version, (uint8_t)c.flags, c.record_size, c.header_length));
         velk_handle* h = nullptr;
         ASSERT_EQ(0u, VELK_open(&h, widen(path("legacy")).c_str(), VELK_OPEN_READ));
         velk_class* vc = h->file_object;
         LogCapture log(0xE0000000u);  // all but the trace
         EXPECT_EQ(0u, vc->helper_check_if_data_desc_exists(0));
-        EXPECT_TRUE(log.contains(line(h, "> need to generate the data descriptors from legacy!\n")));
+        EXPECT_TRUE(
+            log.contains(line(h, "> need to generate the data descriptors from legacy!\n")));
         read_desc(h, 0);
         Seen seen, groups;
         EXPECT_EQ(c.status, VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &seen));
@@ -323,7 +367,9 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
             const Desc& e = seen.calls[0][i];
             const Row& r = c.rows[i];
             EXPECT_EQ((Words{72, r.offset, r.type, r.qualifier, r.length}),
-                      (Words{e.entry_size, e.field_offset, e.field_type, e.field_qualifier, e.field_length})) << i;
+                      (Words{e.entry_size, e.field_offset, e.field_type, e.field_qualifier,
+                             e.field_length}))
+                << i;
             EXPECT_EQ(r.name, text_of(h, e.name.id)) << i;
         }
         VELK_DESCRIPTOR_NODE_S* table = nullptr;
@@ -341,24 +387,34 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
             free(table[0].entries);
             free(table);
             // The three synthetic descriptors of version 5 records, in any state.
-            const struct { VELK_SECTION_IDENTIFIER section; uint16_t type; uint32_t length; } fixed[] = {
-                {VELK_SECTION_MODULE, 33, 144}, {VELK_SECTION_PROCESS, 3, 48}, {VELK_SECTION_THREAD, 4, 40}};
+            const struct {
+                VELK_SECTION_IDENTIFIER section;
+                uint16_t type;
+                uint32_t length;
+            } fixed[] = {{VELK_SECTION_MODULE, 33, 144},
+                         {VELK_SECTION_PROCESS, 3, 48},
+                         {VELK_SECTION_THREAD, 4, 40}};
             for (const auto& b : fixed) {
                 ASSERT_EQ(0u, VELK_get_global_section_descriptor(h, b.section, &entries, &count));
                 ASSERT_EQ(1, count);
-                EXPECT_EQ((Words{b.type, b.length, 72}), (Words{entries->field_type, entries->field_length, entries->entry_size}));
-                EXPECT_EQ(std::string(b.type == 33 ? "ModuleRecord" : "PidRecord"), narrow(entries->name.text));
+                EXPECT_EQ((Words{b.type, b.length, 72}),
+                          (Words{entries->field_type, entries->field_length, entries->entry_size}));
+                EXPECT_EQ(std::string(b.type == 33 ? "ModuleRecord" : "PidRecord"),
+                          narrow(entries->name.text));
             }
             log.clear();
-            EXPECT_EQ(124u, VELK_get_global_section_descriptor(h, VELK_SECTION_SYSTEM, &entries, &count));
-            EXPECT_TRUE(log.contains(line(h, "::helper_get_section_descriptor_id>unknown section type\n")));
+            EXPECT_EQ(124u,
+                      VELK_get_global_section_descriptor(h, VELK_SECTION_SYSTEM, &entries, &count));
+            EXPECT_TRUE(
+                log.contains(line(h, "::helper_get_section_descriptor_id>unknown section type\n")));
             EXPECT_EQ(-1, count);
             EXPECT_EQ(144u, VELK_get_module_record_size(h));
         } else if (c.rows.size() == 3) {
             // In version 6 both group walks refuse the headless list, without
             // a line of their own and leaving the table alone.
             log.clear();
-            VELK_DESCRIPTOR_NODE_S* const sentinel = reinterpret_cast<VELK_DESCRIPTOR_NODE_S*>(&groups);
+            VELK_DESCRIPTOR_NODE_S* const sentinel =
+                reinterpret_cast<VELK_DESCRIPTOR_NODE_S*>(&groups);
             table = sentinel, nodes = 77;
             EXPECT_EQ(VELK_E_BAD_FILE, vc->VELK_enumerate_data_descriptors(0, &g_cb, &groups));
             EXPECT_EQ(VELK_E_BAD_FILE, vc->VELK_get_data_desc_table(0, &table, &nodes));
@@ -366,7 +422,8 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
             EXPECT_TRUE(log.lines().empty()) << log.lines()[0];
             // No global descriptor section: the mapping of nothing fails.
             ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_DESCRIPTOR));
-            EXPECT_EQ(VELK_E_MAP_FAILED, VELK_get_global_section_descriptor(h, VELK_SECTION_MODULE, &entries, &count));
+            EXPECT_EQ(VELK_E_MAP_FAILED,
+                      VELK_get_global_section_descriptor(h, VELK_SECTION_MODULE, &entries, &count));
             EXPECT_EQ(-1, count);
             ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
         }

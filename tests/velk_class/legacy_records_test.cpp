@@ -16,7 +16,6 @@ namespace {
 
 const unsigned kRwc = VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE;
 
-wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
 std::vector<unsigned char> bytes_of_text(const std::string& t) { return {t.begin(), t.end()}; }
 
 // Checks kind's slot in the section table and returns the section's file
@@ -44,8 +43,8 @@ struct Proc {
 // its time.
 __VELK_pid make_pid(unsigned i, const Proc& p)
 {
-    return {48, 100 + i, (i & 1) ? 0x1011u : 0x1010u, 0, 0x700000000ull + 1000 + i, 0, 0, {w(p.path)},
-            {w(p.name)}};
+    return {48, 100 + i, (i & 1) ? 0x1011u : 0x1010u, 0, 0x700000000ull + 1000 + i, 0, 0,
+            {w(p.path)}, {w(p.name)}};
 }
 
 class LegacyRecordsTest : public TempDirTest {
@@ -97,7 +96,8 @@ TEST_F(LegacyRecordsTest, ProcessSectionsCarryTheirOffsetsTextsAndMarker)
         const std::vector<unsigned char> store = read_file(records_path);
         const size_t records = 40 * c.procs.size();
         ASSERT_EQ(records, store.size());
-        EXPECT_EQ(bytes_of_text(c.texts), read_file(s->sections_ptr->legacy_pr_strings_store->path));
+        EXPECT_EQ(bytes_of_text(c.texts),
+                  read_file(s->sections_ptr->legacy_pr_strings_store->path));
 
         ASSERT_EQ(0u, VELK_close(h));
         const std::vector<unsigned char> f = read_file(path(files.back()));
@@ -131,12 +131,14 @@ TEST_F(LegacyRecordsTest, ModuleFlagBytesEventWordsTextsAndThreadSection)
         uint32_t offset, extra_offset;
     } mods[] = {
         {0, 0, 3, L"/lib/a.so", L"a.so", nullptr, 3, 0x08, 0x00, 0, 0, 10, 5, 0, 448, 0},
-        {0x1000 | 0x800 | 0x10000, 0, 1, L"/lib/bb.so", L"bb.so", nullptr, 1, 0x2B, 0x00, 0, 0, 11, 5, 0,
-         458, 0},
-        {0x400 | 0x80 | 0x4000 | 0x8000, 0, 6, L"/c", L"c", nullptr, 6, 0x08, 0x0A, 0, 0, 3, 1, 0, 469, 0},
+        {0x1000 | 0x800 | 0x10000, 0, 1, L"/lib/bb.so", L"bb.so", nullptr, 1, 0x2B, 0x00, 0, 0, 11,
+         5, 0, 458, 0},
+        {0x400 | 0x80 | 0x4000 | 0x8000, 0, 6, L"/c", L"c", nullptr, 6, 0x08, 0x0A, 0, 0, 3, 1, 0,
+         469, 0},
         // Bits of the legacy word without a module flag are carried; those
         // with one follow module_flags.
-        {0, 0xAABBFFFF, 0, L"/d/e.so", L"e.so", L"extra!", 0, 0xDC, 0xF5, 0xBB, 0xAA, 8, 3, 7, 472, 480},
+        {0, 0xAABBFFFF, 0, L"/d/e.so", L"e.so", L"extra!", 0, 0xDC, 0xF5, 0xBB, 0xAA, 8, 3, 7, 472,
+         480},
         // No texts: a third-text bit of the legacy word is cleared.
         {0x200, 0x0100, 0, nullptr, nullptr, nullptr, 0, 0x08, 0x00, 0x00, 0, 0, 0, 0, 487, 0},
         // A null name is an empty name at the path's end.
@@ -151,9 +153,26 @@ TEST_F(LegacyRecordsTest, ModuleFlagBytesEventWordsTextsAndThreadSection)
     ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_MODULE));
     for (unsigned i = 0; i < count; ++i) {
         const Mod& m = mods[i];
-        __VELK_module r = {144, 0, 500 + i, m.flags, 0x1111222233334444ull, 0xC0DE0 + i, m.segment_type,
-                           0x12345, 0, 0x100000 + i, 0x7F0000000000ull + i, 0x9999AAAA, 0, m.legacy_flags,
-                           0, 0x5555666677778888ull, {w(m.path)}, {w(m.name)}, {w(m.extra)}, {}};
+        __VELK_module r = {144,
+                           0,
+                           500 + i,
+                           m.flags,
+                           0x1111222233334444ull,
+                           0xC0DE0 + i,
+                           m.segment_type,
+                           0x12345,
+                           0,
+                           0x100000 + i,
+                           0x7F0000000000ull + i,
+                           0x9999AAAA,
+                           0,
+                           m.legacy_flags,
+                           0,
+                           0x5555666677778888ull,
+                           {w(m.path)},
+                           {w(m.name)},
+                           {w(m.extra)},
+                           {}};
         ASSERT_EQ(0u, VELK_add_module(h, &r)) << i;
     }
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
@@ -167,7 +186,8 @@ TEST_F(LegacyRecordsTest, ModuleFlagBytesEventWordsTextsAndThreadSection)
     // The module and thread stores lie beside the sample file.
     const velk_section_block* b = h->file_object->sections_ptr;
     EXPECT_EQ(name + "_legacy_module_record.tmp", std::string(b->legacy_module_record_store->path));
-    EXPECT_EQ(name + "_legacy_module_strings.tmp", std::string(b->legacy_module_strings_store->path));
+    EXPECT_EQ(name + "_legacy_module_strings.tmp",
+              std::string(b->legacy_module_strings_store->path));
     EXPECT_EQ(name + "_legacy_tid.tmp", std::string(b->legacy_tid_store->path));
     const std::vector<unsigned char> store = read_file(b->legacy_module_record_store->path);
     ASSERT_EQ(64u * count, store.size());
@@ -176,7 +196,8 @@ TEST_F(LegacyRecordsTest, ModuleFlagBytesEventWordsTextsAndThreadSection)
 
     ASSERT_EQ(0u, VELK_close(h));
     const std::vector<unsigned char> f = read_file(name);
-    const size_t at = expect_section(f, KIND_LEGACY_MODULE_RECORD, 64 * count + texts.size(), count, 64);
+    const size_t at =
+        expect_section(f, KIND_LEGACY_MODULE_RECORD, 64 * count + texts.size(), count, 64);
     ASSERT_NE(0u, at);
     for (unsigned i = 0; i < count; ++i) {
         const Mod& m = mods[i];
@@ -184,12 +205,23 @@ TEST_F(LegacyRecordsTest, ModuleFlagBytesEventWordsTextsAndThreadSection)
         // 64-bit counts: sc_unload in the event words and sc_load behind;
         // otherwise sc_load and sc_unload_32.
         const bool wide = (m.flags & 0x10000) != 0;
-        velk_legacy_module_record want = {64, m.seg, 0, 0x2345, m.extra_length, 0xC0DE0 + i,
-                                          {m.b0, m.b1, m.b2, m.b3}, 0x100000 + i,
-                                          0x7F0000000000ull + i, 500 + i,
+        velk_legacy_module_record want = {64,
+                                          m.seg,
+                                          0,
+                                          0x2345,
+                                          m.extra_length,
+                                          0xC0DE0 + i,
+                                          {m.b0, m.b1, m.b2, m.b3},
+                                          0x100000 + i,
+                                          0x7F0000000000ull + i,
+                                          500 + i,
                                           wide ? 0x77778888u : 0x33334444u,
-                                          wide ? 0x55556666u : 0x9999AAAAu, 0, m.length, m.name_offset,
-                                          0, wide ? 0x1111222233334444ull : 0};
+                                          wide ? 0x55556666u : 0x9999AAAAu,
+                                          0,
+                                          m.length,
+                                          m.name_offset,
+                                          0,
+                                          wide ? 0x1111222233334444ull : 0};
         EXPECT_EQ(bytes_of(want), slice(store, 64 * i, 64));
         want.string_offset = m.offset, want.extra_offset = m.extra_offset;
         EXPECT_EQ(bytes_of(want), slice(f, at + 64 * i, 64));
@@ -216,7 +248,8 @@ TEST_F(LegacyRecordsTest, OffsetPassWalksWindowsAndRefusesAnEmptyOne)
     velk_class* s = h->file_object;
     velk_section_block* b = s->sections_ptr;
     ASSERT_EQ(0u, VELK_writing_section(h, VELK_SECTION_PROCESS));
-    const Proc procs[3] = {{L"/p/one", L"one", 0, 0, 0}, {L"/p/three", L"three", 0, 0, 0}, {L"/p/2", L"2", 0, 0, 0}};
+    const Proc procs[3] = {
+        {L"/p/one", L"one", 0, 0, 0}, {L"/p/three", L"three", 0, 0, 0}, {L"/p/2", L"2", 0, 0, 0}};
     for (unsigned i = 0; i < 3; ++i) {
         __VELK_pid r = make_pid(i, procs[i]);
         ASSERT_EQ(0u, VELK_add_process(h, &r));
@@ -235,17 +268,22 @@ TEST_F(LegacyRecordsTest, OffsetPassWalksWindowsAndRefusesAnEmptyOne)
     long long update = -1;
     unsigned next = 0;
     char bad[] = "/nonexistent-dir/x_leg_pr_updated.tmp";
-    EXPECT_EQ(VELK_E_OPEN_FAILED, s->helper_update_pid_string_offsets(nullptr, &update, 0, bad, &next));
-    EXPECT_EQ(VELK_E_OPEN_FAILED, s->helper_update_module_string_offsets(nullptr, &update, 0, bad, &next));
-    EXPECT_TRUE(log.contains_format("<velk %u::helper_update_pid_string_offsets>VELK_OSI_Open_File failed\n"));
-    EXPECT_TRUE(log.contains_format("<velk %u::helper_update_module_string_offsets>VELK_OSI_Open_File failed\n"));
+    EXPECT_EQ(VELK_E_OPEN_FAILED,
+              s->helper_update_pid_string_offsets(nullptr, &update, 0, bad, &next));
+    EXPECT_EQ(VELK_E_OPEN_FAILED,
+              s->helper_update_module_string_offsets(nullptr, &update, 0, bad, &next));
+    EXPECT_TRUE(log.contains_format(
+        "<velk %u::helper_update_pid_string_offsets>VELK_OSI_Open_File failed\n"));
+    EXPECT_TRUE(log.contains_format(
+        "<velk %u::helper_update_module_string_offsets>VELK_OSI_Open_File failed\n"));
     EXPECT_EQ(-1, update);
 
     // More than 0x2000000 records make a window of no records, which can't
     // be mapped: nothing reaches the file and no table slot is used.
     const unsigned long long size = VELK_OSI_Get_File_Size(s->file_handle);
     const unsigned slot = b->legacy_next_slot;
-    b->sfs_legacy_pid_record.number_entries = b->sfs_legacy_module_record.number_entries = 0x2000001;
+    b->sfs_legacy_pid_record.number_entries = b->sfs_legacy_module_record.number_entries =
+        0x2000001;
     EXPECT_EQ(VELK_E_MAP_FAILED, s->write_to_file_legacy_pid_section());
     EXPECT_EQ(VELK_E_MAP_FAILED, s->write_to_file_legacy_module_section());
     EXPECT_EQ(size, VELK_OSI_Get_File_Size(s->file_handle));
@@ -256,11 +294,13 @@ TEST_F(LegacyRecordsTest, OffsetPassWalksWindowsAndRefusesAnEmptyOne)
     // A count above 0x1000000 makes windows of one record: the pass walks the
     // store record by record, carries the running offset from window to
     // window, and walks no further than the store's records.
-    b->sfs_legacy_pid_record.number_entries = b->sfs_legacy_module_record.number_entries = 0x1000001;
+    b->sfs_legacy_pid_record.number_entries = b->sfs_legacy_module_record.number_entries =
+        0x1000001;
     log.clear();
     ASSERT_EQ(0u, VELK_close(h));
-    EXPECT_TRUE(log.contains_format("<velk %u::write_to_file_legacy_pid_section>%u records counted, but the "
-                                    "store holds only %u here!\n"));
+    EXPECT_TRUE(log.contains_format(
+        "<velk %u::write_to_file_legacy_pid_section>%u records counted, but the "
+        "store holds only %u here!\n"));
     const std::vector<unsigned char> f = read_file(name);
     const size_t p = expect_section(f, KIND_LEGACY_PID_RECORD, 120 + 7 + 9 + 5, 0x1000001, 40);
     ASSERT_NE(0u, p);
@@ -285,38 +325,31 @@ namespace {
 // record header, whose header ex says whether it is bound.
 void write_v5_file(const std::string& name, unsigned char bound_byte)
 {
-    std::vector<unsigned char> b(1584 + 112, 0);
-    auto put = [&](size_t at, const void* data, size_t n) { memcpy(&b[at], data, n); };
-    auto put32 = [&](size_t at, uint32_t v) { put(at, &v, 4); };
-    auto slot = [&](unsigned n, uint64_t length, uint64_t offset, uint64_t entries,
-                    uint32_t entry_length, uint32_t kind) {
-        __VELK_sample_file_section_vk6 sfs = {length, offset, entries, entry_length, kind, 0, 0};
-        SampleFileSections_s d;
-        velk_class::helper_copy_sfs(&d, &sfs, 1);
-        put(16 + n * 20, &d, 20);
-    };
-    put(0, "SampleF ", 8), put32(8, 27), put32(12, 20);
-    slot(0, 460, 416, 1, 460, KIND_LEGACY_HEADER_EX);
-    slot(1, 476, 880, 1, 476, KIND_LEGACY_SOFTWARE_CONFIG);
-    slot(2, 96, 1360, 2, 48, KIND_LEGACY_SAMPLE_RECORD);
-    slot(3, 48, 1456, 1, 48, KIND_LEGACY_RUMA_SYS_INFO);
-    slot(4, 40, 1504, 1, 40, KIND_LEGACY_PID_RECORD);
-    slot(5, 40, 1544, 1, 40, KIND_LEGACY_TID_RECORD);
-    slot(6, 112, 1584, 1, 112, KIND_LEGACY_SAMPLE_RECORD_HEADER);
+    Image f;
+    f.put(0, "SampleF ", 8), f.put32(8, 27), f.put32(12, 20);
+    f.slot(16, 20, 460, 416, 1, 460, KIND_LEGACY_HEADER_EX);
+    f.slot(36, 20, 476, 880, 1, 476, KIND_LEGACY_SOFTWARE_CONFIG);
+    f.slot(56, 20, 96, 1360, 2, 48, KIND_LEGACY_SAMPLE_RECORD);
+    f.slot(76, 20, 48, 1456, 1, 48, KIND_LEGACY_RUMA_SYS_INFO);
+    f.slot(96, 20, 40, 1504, 1, 40, KIND_LEGACY_PID_RECORD);
+    f.slot(116, 20, 40, 1544, 1, 40, KIND_LEGACY_TID_RECORD);
+    f.slot(136, 20, 112, 1584, 1, 112, KIND_LEGACY_SAMPLE_RECORD_HEADER);
     // Header ex: version 2.0, the stream parameter, the bound byte; the
     // software configuration's host and system.
-    put32(416, 2), put32(416 + 364, 11), b[416 + 392] = bound_byte;
-    put(880, "host", 5), put(880 + 128, "Linux", 6);
+    f.put32(416, 2), f.put32(416 + 364, 11), f.put8(416 + 392, bound_byte);
+    f.put(880, "host", 5), f.put(880 + 128, "Linux", 6);
     // The sample part comes first, records of 48 bytes, time stamps of 8.
-    put32(1584 + 4, 1), put32(1584 + 28, 48), put32(1584 + 32, 8);
-    write_file(name, b);
+    f.put32(1584 + 4, 1), f.put32(1584 + 28, 48), f.put32(1584 + 32, 8);
+    f.b.resize(1584 + 112, 0);
+    write_file(name, f.b);
 }
 
 // Adds a module whose legacy word has the bit that the bound state decides.
 unsigned add_plain_module(velk_handle* h)
 {
-    __VELK_module m = {144, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x08, 0, 0, {w(L"/lib/m.so")}, {w(L"m.so")},
-                       {}, {}};
+    __VELK_module m = {
+        144,          0,  0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x08, 0, 0, {w(L"/lib/m.so")},
+        {w(L"m.so")}, {}, {}};
     return VELK_add_module(h, &m);
 }
 

@@ -21,8 +21,6 @@ const char* const kEnumerator[3] = {"VELK_enumerate_processes", "VELK_enumerate_
                                     "VELK_enumerate_modules"};
 using Rows = std::vector<std::vector<unsigned char>>;
 
-wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
-
 // What the callbacks saw: records cut at `size` bytes, entries per call.
 struct Walk {
     unsigned size = 0, answer = 1, calls = 0;
@@ -75,28 +73,6 @@ void add_module_descriptors(velk_handle* h, unsigned length = 144)
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
 }
 
-// A file image built byte by byte.
-struct Image {
-    std::vector<unsigned char> b;
-    void put(size_t at, const void* data, size_t n)
-    {
-        if (b.size() < at + n)
-            b.resize(at + n, 0);
-        memcpy(&b[at], data, n);
-    }
-    void put8(size_t at, uint8_t v) { put(at, &v, 1); }
-    void put16(size_t at, uint16_t v) { put(at, &v, 2); }
-    void put32(size_t at, uint32_t v) { put(at, &v, 4); }
-    void put64(size_t at, uint64_t v) { put(at, &v, 8); }
-    // A 20-byte entry of the version 5 section table.
-    void entry(unsigned n, uint32_t length, uint32_t offset, uint32_t count, uint16_t entry_length,
-               uint16_t kind)
-    {
-        put32(16 + n * 20, length), put32(16 + n * 20 + 4, offset), put32(16 + n * 20 + 8, count);
-        put16(16 + n * 20 + 12, entry_length), put16(16 + n * 20 + 14, kind);
-    }
-};
-
 // Where the legacy sections of the version 5 image lie.
 constexpr size_t kPids = 880, kTids = 1024, kModules = 1104;
 
@@ -107,10 +83,10 @@ Image legacy_records_file()
     Image f;
     f.put(0, "SampleF ", 8);
     f.put32(8, 27), f.put32(12, 4);
-    f.entry(0, 460, 416, 1, 460, KIND_LEGACY_HEADER_EX);
-    f.entry(1, 139, kPids, 3, 40, KIND_LEGACY_PID_RECORD);
-    f.entry(2, 80, kTids, 2, 40, KIND_LEGACY_TID_RECORD);
-    f.entry(3, 302, kModules, 4, 64, KIND_LEGACY_MODULE_RECORD);
+    f.slot(16, 20, 460, 416, 1, 460, KIND_LEGACY_HEADER_EX);
+    f.slot(36, 20, 139, kPids, 3, 40, KIND_LEGACY_PID_RECORD);
+    f.slot(56, 20, 80, kTids, 2, 40, KIND_LEGACY_TID_RECORD);
+    f.slot(76, 20, 302, kModules, 4, 64, KIND_LEGACY_MODULE_RECORD);
     f.put32(416, 2);  // version 2.0
 
     // Processes: a 64-bit time and a path with its name at 9; a 32-bit time
@@ -234,8 +210,10 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
     // Processes: both texts, a name without a path (stored as given, no
     // string added), neither.
     Rows want[3];
-    const wchar_t* const ptexts[4][2] = {
-        {L"/bin/alpha", L"alpha"}, {nullptr, L"orphan"}, {nullptr, nullptr}, {L"/usr/bin/beta", L"beta"}};
+    const wchar_t* const ptexts[4][2] = {{L"/bin/alpha", L"alpha"},
+                                         {nullptr, L"orphan"},
+                                         {nullptr, nullptr},
+                                         {L"/usr/bin/beta", L"beta"}};
     for (unsigned i = 0; i < 4; ++i) {
         __VELK_pid p = {48, 10 + i, i, 7, 1000 + i, 99, i, {w(ptexts[i][0])}, {w(ptexts[i][1])}};
         const unsigned long long strings = s->strings_store->Size();
@@ -258,8 +236,9 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
         want[1].push_back(bytes_of(t));
     }
     // Modules: each text on its own; pid_index is the library's.
-    const wchar_t* const mtexts[3][3] = {
-        {L"/lib/a.so", L"a.so", nullptr}, {nullptr, nullptr, nullptr}, {L"/lib/b.so", L"b.so", L"third"}};
+    const wchar_t* const mtexts[3][3] = {{L"/lib/a.so", L"a.so", nullptr},
+                                         {nullptr, nullptr, nullptr},
+                                         {L"/lib/b.so", L"b.so", L"third"}};
     for (unsigned i = 0; i < 3; ++i) {
         __VELK_module m = {144, 0, 10 + i, VELK_MODULE_HAS_LOAD_COUNT, 3 + i, 0x55, 0, 0, 0,
                            0x1000, 0x400000 + i, kNone, 5, 0, 0, 0,
@@ -273,11 +252,16 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
     add_module_descriptors(h);
     // The text ids in the records as added: kind, record, offset, text
     // (null: id 0).
-    const struct { int kind; unsigned index, at; const char* text; } texts[] = {
-        {0, 0, 32, "/bin/alpha"}, {0, 0, 40, "alpha"}, {0, 3, 32, "/usr/bin/beta"}, {0, 3, 40, "beta"},
-        {1, 0, 32, "worker"}, {1, 1, 32, nullptr}, {1, 2, 32, "main"}, {2, 0, 80, "/lib/a.so"},
-        {2, 0, 88, "a.so"}, {2, 0, 96, nullptr}, {2, 1, 80, nullptr}, {2, 1, 88, nullptr},
-        {2, 1, 96, nullptr}, {2, 2, 80, "/lib/b.so"}, {2, 2, 88, "b.so"}, {2, 2, 96, "third"}};
+    const struct {
+        int kind;
+        unsigned index, at;
+        const char* text;
+    } texts[] = {{0, 0, 32, "/bin/alpha"}, {0, 0, 40, "alpha"},     {0, 3, 32, "/usr/bin/beta"},
+                 {0, 3, 40, "beta"},       {1, 0, 32, "worker"},    {1, 1, 32, nullptr},
+                 {1, 2, 32, "main"},       {2, 0, 80, "/lib/a.so"}, {2, 0, 88, "a.so"},
+                 {2, 0, 96, nullptr},      {2, 1, 80, nullptr},     {2, 1, 88, nullptr},
+                 {2, 1, 96, nullptr},      {2, 2, 80, "/lib/b.so"}, {2, 2, 88, "b.so"},
+                 {2, 2, 96, "third"}};
 
     // The same walks, in this session from the stores and after reopening
     // from the file.
@@ -323,7 +307,8 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
             w.answer = 7;
             EXPECT_EQ(7u, enumerate(h, k, &w, 0));
             EXPECT_EQ(4u, w.calls);
-            EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + kEnumerator[k == 2 ? 2 : 0] +
+            EXPECT_TRUE(log.contains_format(std::string("<velk %u::") +
+                                            kEnumerator[k == 2 ? 2 : 0] +
                                             ">callback returned an error, exiting with value 7\n"));
             ASSERT_EQ(0u, VELK_done_section(h, kSection[k]));
         }
@@ -341,7 +326,8 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
     // Kinds 29, 30, 31: descriptor, records as added, marker, padding.
     const std::vector<unsigned char> f = read_file(name);
     const unsigned kinds[3] = {KIND_PID, KIND_TID, KIND_MODULE};
-    const char* const markers[3] = {"end new pid section", "end new tid section", "end new module section"};
+    const char* const markers[3] = {"end new pid section", "end new tid section",
+                                    "end new module section"};
     for (int k = 0; k < 3; ++k) {
         SCOPED_TRACE(markers[k]);
         const Slot slot = global_slot(f, kinds[k]);
@@ -482,7 +468,8 @@ TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
     EXPECT_EQ(VELK_STATE_READING, s->sections_ptr->section_state[VELK_SECTION_THREAD]);
     Walk tw;
     ASSERT_EQ(0u, enumerate(h, 1, &tw, 0));
-    const __VELK_tid tw_want[2] = {{40, 100, 11, 1, 3, 0, 0, {}}, {40, 200, 12, 0x10, 77, 1, 0, {}}};
+    const __VELK_tid tw_want[2] = {{40, 100, 11, 1, 3, 0, 0, {}},
+                                   {40, 200, 12, 0x10, 77, 1, 0, {}}};
     EXPECT_EQ((Rows{bytes_of(tw_want[0]), bytes_of(tw_want[1])}), tw.records);
     ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
 
@@ -517,21 +504,33 @@ TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
 TEST_F(RecordsTest, DamagedLegacySectionsAreRefused)
 {
     // Each damage, the walk that meets it, and its line.
-    const struct { size_t at; unsigned width; uint32_t value; int kind; const char* line; } cases[] = {
+    const struct {
+        size_t at;
+        unsigned width;
+        uint32_t value;
+        int kind;
+        const char* line;
+    } cases[] = {
         {kPids + 40 + 32, 4, 135, 0,
-         "pid_info_from_file>record 1 has a text of 5 bytes at 135, outside its section of 139 bytes!"},
+         "pid_info_from_file>record 1 has a text of 5 bytes at 135, outside its section of 139 "
+         "bytes!"},
         {kPids + 32, 4, 0xFFFFFFF0u, 0,
-         "pid_info_from_file>record 0 has a text of 14 bytes at 4294967280, outside its section of 139 bytes!"},
-        {kPids + 38, 2, 15, 0, "pid_info_from_file>record 0 has a name at 15, past its text of 14 bytes!"},
+         "pid_info_from_file>record 0 has a text of 14 bytes at 4294967280, outside its section of "
+         "139 bytes!"},
+        {kPids + 38, 2, 15, 0,
+         "pid_info_from_file>record 0 has a name at 15, past its text of 14 bytes!"},
         {16 + 20 + 8, 4, 4, 0,
          "pid_info_from_file>4 legacy records of 40 bytes don't fit in a section of 139 bytes!"},
         {16 + 40 + 8, 4, 3, 1,
          "tid_info_from_file>3 legacy records of 40 bytes don't fit in a section of 80 bytes!"},
         {kModules + 48, 2, 60, 2,
-         "module_info_from_file>record 0 has a text of 60 bytes at 256, outside its section of 302 bytes!"},
+         "module_info_from_file>record 0 has a text of 60 bytes at 256, outside its section of 302 "
+         "bytes!"},
         {kModules + 128 + 52, 4, 300, 2,
-         "module_info_from_file>record 2 has a text of 6 bytes at 300, outside its section of 302 bytes!"},
-        {kModules + 50, 2, 14, 2, "module_info_from_file>record 0 has a name at 14, past its text of 13 bytes!"},
+         "module_info_from_file>record 2 has a text of 6 bytes at 300, outside its section of 302 "
+         "bytes!"},
+        {kModules + 50, 2, 14, 2,
+         "module_info_from_file>record 0 has a name at 14, past its text of 13 bytes!"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
@@ -590,8 +589,8 @@ TEST_F(RecordsTest, LegacyBoundModulesTakeTheirProcessFromTheIndex)
     // ex set. The module's process word is then an index of a process.
     Image f = legacy_records_file();
     f.put32(12, 6);
-    f.entry(4, 64, 1432, 2, 32, KIND_LEGACY_SAMPLE_RECORD);
-    f.entry(5, 112, 1496, 1, 112, KIND_LEGACY_SAMPLE_RECORD_HEADER);
+    f.slot(96, 20, 64, 1432, 2, 32, KIND_LEGACY_SAMPLE_RECORD);
+    f.slot(116, 20, 112, 1496, 1, 112, KIND_LEGACY_SAMPLE_RECORD_HEADER);
     f.put8(416 + 392, 0xC9);
     f.put32(1496, 2), f.put8(1496 + 4, 0x01), f.put32(1496 + 28, 32);
     f.b.resize(1496 + 112 + 24, 0);

@@ -10,35 +10,6 @@ using namespace velk_test;
 
 namespace {
 
-// A file image built byte by byte.
-struct Image {
-    std::vector<unsigned char> b;
-    void put(size_t at, const void* data, size_t n)
-    {
-        if (b.size() < at + n)
-            b.resize(at + n, 0);
-        memcpy(&b[at], data, n);
-    }
-    void put32(size_t at, uint32_t v) { put(at, &v, 4); }
-    // A descriptor in the 40-, 32- or 20-byte form.
-    void slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uint64_t entries,
-              uint32_t entry_length, uint32_t kind)
-    {
-        __VELK_sample_file_section_vk6 sfs = {length, offset, entries, entry_length, kind, 0, 0};
-        if (form == 40) {
-            put(at, &sfs, 40);
-        } else if (form == 32) {
-            __VELK_sample_file_section d;
-            velk_class::helper_copy_sfs_velk(&d, &sfs, 1);
-            put(at, &d, 32);
-        } else {
-            SampleFileSections_s d;
-            velk_class::helper_copy_sfs(&d, &sfs, 1);
-            put(at, &d, 20);
-        }
-    }
-};
-
 // A version 5 or 6 file as an older writer left it: header ex (version and
 // stream parameters), software configuration (host and OS), 96 bytes of
 // legacy samples, a system info head and a sample record header; no global
@@ -315,7 +286,8 @@ TEST_F(TablesTest, LegacyBoundAnswersFromRecordsDescriptorsAndHeaderEx)
         unsigned bound = 7;
         EXPECT_EQ(c.status, VELK_is_legacy_bound(h, &bound)) << c.what;
         EXPECT_EQ(c.bound, bound) << c.what;
-        EXPECT_TRUE(log.contains_format("<velk %u::VELK_is_legacy_bound>" + std::string(c.line) + "\n"))
+        EXPECT_TRUE(
+            log.contains_format("<velk %u::VELK_is_legacy_bound>" + std::string(c.line) + "\n"))
             << c.what;
         EXPECT_EQ(0u, VELK_close(h));
     }
@@ -328,7 +300,8 @@ TEST_F(TablesTest, LegacyBoundAnswersFromRecordsDescriptorsAndHeaderEx)
     f.put(1695, "", 1);
     write_file(path("writing.vk5"), f.b);
     velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(path("writing.vk5")).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
+    ASSERT_EQ(0u,
+              VELK_open(&h, widen(path("writing.vk5")).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
     ASSERT_EQ(0u, VELK_writing_stream(h, 0));
     unsigned bound = 7;
     EXPECT_EQ(VELK_E_STREAM_STATE, VELK_is_legacy_bound(h, &bound));
