@@ -714,6 +714,16 @@ unsigned int velk_class::helper_map_sfs(__VELK_mmap_tracker* map,
                 (unsigned long long)sfs->length);
         return VELK_E_BAD_FILE;
     }
+    // Callbacks get the records in place, as structures of 8-byte fields:
+    // a section off the 8-byte grid, or records of a size that leaves it,
+    // would hand them misaligned records. Every writer keeps to the grid.
+    if (in_file && ((sfs->file_offset | record_size) & 7) != 0) {
+        LOGIT_A(VELK_MASK_FAILURE,
+                "<velk %u::helper_map_sfs>records of %llu bytes at offset %llu are not 8-byte "
+                "aligned!\n",
+                instance, record_size, (unsigned long long)sfs->file_offset);
+        return VELK_E_BAD_FILE;
+    }
     unsigned long long window = sfs->length <= VELK_MAP_WINDOW_MAX
                                     ? sfs->number_entries
                                     : VELK_MAP_WINDOW_MAX / record_size;

@@ -392,6 +392,21 @@ TEST_F(RecordsTest, ProcessLookupsAndADamagedCount)
     EXPECT_EQ(0u, w.calls);
     EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
     ASSERT_EQ(0u, VELK_close(h));
+
+    // A section moved off the 8-byte grid would hand out misaligned records.
+    f.put64(slot.at + 16, 5);
+    f.put64(slot.at + 8, slot.file_offset + 4);
+    ASSERT_EQ(0u, open_image(f, "c.vk7"));
+    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_PROCESS));
+    log.clear();
+    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 0, &w, 0));
+    char line[128];
+    snprintf(line, sizeof(line), "records of 48 bytes at offset %llu are not 8-byte aligned!\n",
+             (unsigned long long)slot.file_offset + 4);
+    EXPECT_TRUE(log.contains_format((std::string("<velk %u::helper_map_sfs>") + line).c_str()));
+    EXPECT_EQ(0u, w.calls);
+    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
+    ASSERT_EQ(0u, VELK_close(h));
 }
 
 TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
@@ -422,6 +437,18 @@ TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
     EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 2, &w, 0));
     EXPECT_TRUE(log.contains_format("<velk %u::helper_get_module_info_from_file>module record size "
                                     "200 is more than the 144 bytes of a translated record!\n"));
+    EXPECT_EQ(0u, w.calls);
+    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
+    ASSERT_EQ(0u, VELK_close(h));
+
+    // Records of 100 bytes in the file would leave the 8-byte grid.
+    build("odd.vk7", 2, 1, 100);
+    ASSERT_EQ(0u, open(path("odd.vk7"), VELK_OPEN_READ));
+    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
+    log.clear();
+    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 2, &w, 0));
+    EXPECT_TRUE(log.contains_format(
+        "<velk %u::helper_map_sfs>records of 100 bytes at offset %u are not 8-byte aligned!\n"));
     EXPECT_EQ(0u, w.calls);
     EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
     ASSERT_EQ(0u, VELK_close(h));
