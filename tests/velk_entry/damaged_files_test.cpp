@@ -1,0 +1,268 @@
+// Damaged files: a complete file cut short at every length, and with every
+// byte changed in turn, is opened, read through every reader and closed, and
+// then opened for writing and closed. No damage may crash the library or
+// make it read outside a mapping (the sanitizer build watches), and every
+// answer is a status of the library's own.
+#include <stdio.h>
+#include <string.h>
+
+#include "sampling_utils/sampling_utils.h"
+#include "test_helpers.h"
+
+using namespace velk_test;
+
+namespace {
+
+// Counts the calls whose answer is not a velk status.
+struct Checker {
+    unsigned unknown = 0;
+    unsigned long long sum = 0;  // every byte handed out is read into this
+    velk_handle* h = nullptr;
+    unsigned operator()(unsigned status)
+    {
+        const wchar_t* text = nullptr;
+        if (status != 0 && KEMO_get_error_string(status, &text) != 0)
+            ++unknown;
+        return status;
+    }
+    void touch(const void* p, unsigned long long n)
+    {
+        const unsigned char* b = static_cast<const unsigned char*>(p);
+        for (unsigned long long i = 0; i < n; ++i)
+            sum += b[i];
+    }
+    void text(unsigned long long id)
+    {
+        __string_or_id s;
+        s.id = id;
+        unsigned size = 0;
+        if ((*this)(VELK_convert_uniqueid_to_string(h, 0, &s, nullptr, &size)) != 0 || size == 0)
+            return;
+        std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 1);
+        (*this)(VELK_convert_uniqueid_to_string(h, size, &s, buffer.data(), nullptr));
+    }
+};
+
+unsigned walk_pids(__VELK_pid* r, unsigned bytes, unsigned entries, void* c)
+{
+    Checker* k = static_cast<Checker*>(c);
+    k->touch(r, bytes);
+    for (unsigned i = 0; i < entries; ++i) {
+        k->text(r[i].pid_path.id);
+        k->text(r[i].pid_name.id);
+    }
+    return 1;
+}
+
+unsigned walk_tids(__VELK_tid* r, unsigned bytes, unsigned entries, void* c)
+{
+    Checker* k = static_cast<Checker*>(c);
+    k->touch(r, bytes);
+    for (unsigned i = 0; i < entries; ++i)
+        k->text(r[i].tid_name.id);
+    return 1;
+}
+
+unsigned walk_modules(__VELK_module* r, unsigned bytes, unsigned, void* c)
+{
+    static_cast<Checker*>(c)->touch(r, bytes);
+    return 1;
+}
+
+unsigned walk_descriptors(__velk_samprec_desc_entry* e, unsigned, unsigned count, void* c)
+{
+    Checker* k = static_cast<Checker*>(c);
+    k->touch(e, (unsigned long long)count * sizeof(*e));
+    for (unsigned i = 0; i < count; ++i)
+        k->text(e[i].name.id);
+    return 1;
+}
+
+unsigned walk_data(void* data, unsigned long long bytes, unsigned, void* c, unsigned long long*)
+{
+    static_cast<Checker*>(c)->touch(data, bytes);
+    return 1;
+}
+
+void read_stream(Checker& k, unsigned n)
+{
+    velk_handle* h = k.h;
+    if (k(VELK_reading_stream(h, n)) != 0)
+        return;
+    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO)) == 0) {
+        __VELK_stream_info info;
+        if (k(VELK_get_stream_info(h, n, sizeof(info), &info, nullptr)) == 0)
+            k.text(info.comment.id);
+        __VELK_user_info user;
+        if (k(VELK_get_user_info(h, n, sizeof(user), &user, nullptr)) == 0)
+            k.text(user.user_info.id);
+        VELK_LBR_FILTER lbr;
+        k(VELK_get_lbr_info(h, n, &lbr));
+        char filter[256];
+        k(VELK_get_lbr_filter_info(h, n, sizeof(filter), filter));
+        unsigned short first = 0, second = 0;
+        k(VELK_get_uncore_info(h, n, &first, &second));
+        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO));
+    }
+    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED)) == 0) {
+        unsigned size = 0;
+        if (k(VELK_get_user_defined_stream(h, n, 0, nullptr, &size)) == 0 && size != 0) {
+            std::vector<unsigned char> block(size);
+            k(VELK_get_user_defined_stream(h, n, size, block.data(), &size));
+        }
+        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED));
+    }
+    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION)) == 0) {
+        VELK_DESCRIPTOR_CALLBACK cb = walk_descriptors;
+        k(VELK_enumerate_data_descriptor_entries(h, n, &cb, &k));
+        k(VELK_enumerate_data_descriptors(h, n, &cb, &k));
+        VELK_DESCRIPTOR_NODE_S* table = nullptr;
+        unsigned groups = 0;
+        if (k(VELK_get_data_desc_table(h, n, &table, &groups)) == 0 && table != nullptr) {
+            for (unsigned g = 0; g < groups; ++g)
+                free(table[g].entries);
+            free(table);
+        }
+        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+    }
+    unsigned size = 0;
+    k(VELK_get_size_of_each_data_entry(h, n, &size));
+    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA)) == 0) {
+        VELK_DATA_CALLBACK cb = walk_data;
+        k(VELK_enumerate_data(h, n, &cb, &k, 0));
+        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA));
+    }
+    k(VELK_done_stream(h, n));
+}
+
+// Reads everything a reader can ask for, then opens the file for writing
+// and closes it. Returns the number of answers that were not statuses.
+unsigned read_everything(const std::string& file)
+{
+    Checker k;
+    for (unsigned mode : {VELK_OPEN_READ, VELK_OPEN_READ | VELK_OPEN_WRITE}) {
+        if (k(VELK_open(&k.h, widen(file).c_str(), mode)) != 0)
+            return k.unknown;
+        velk_handle* h = k.h;
+        unsigned bound = 0;
+        k(VELK_is_legacy_bound(h, &bound));
+        if (k(VELK_reading_section(h, VELK_SECTION_CONFIGURATION)) == 0) {
+            __VELK_host host;
+            if (k(VELK_get_host(h, sizeof(host), &host, nullptr)) == 0)
+                k.text(host.host_text_1.id);
+            __VELK_os os[4];
+            k(VELK_get_os(h, sizeof(os), os, nullptr));
+            __VELK_application app;
+            k(VELK_get_application(h, sizeof(app), &app, nullptr));
+            k(VELK_done_section(h, VELK_SECTION_CONFIGURATION));
+        }
+        if (k(VELK_reading_section(h, VELK_SECTION_USER_DEFINED)) == 0) {
+            unsigned char block[64];
+            k(VELK_get_user_defined_global(h, sizeof(block), block, nullptr));
+            k(VELK_done_section(h, VELK_SECTION_USER_DEFINED));
+        }
+        k(VELK_get_module_record_size(h) > 0x10000 ? VELK_E_BAD_FILE : 0);
+        if (k(VELK_reading_section(h, VELK_SECTION_PROCESS)) == 0) {
+            VELK_PROCESS_CALLBACK cb = walk_pids;
+            k(VELK_enumerate_processes(h, &cb, &k, 0));
+            k(VELK_done_section(h, VELK_SECTION_PROCESS));
+        }
+        if (k(VELK_reading_section(h, VELK_SECTION_THREAD)) == 0) {
+            VELK_THREAD_CALLBACK cb = walk_tids;
+            k(VELK_enumerate_threads(h, &cb, &k, 0));
+            k(VELK_done_section(h, VELK_SECTION_THREAD));
+        }
+        if (k(VELK_reading_section(h, VELK_SECTION_MODULE)) == 0) {
+            VELK_MODULE_CALLBACK cb = walk_modules;
+            k(VELK_enumerate_modules(h, &cb, &k, 0));
+            k(VELK_done_section(h, VELK_SECTION_MODULE));
+        }
+        unsigned streams = 0;
+        k(VELK_get_number_data_streams(h, &streams));
+        for (unsigned n = 0; n < streams && n < 4; ++n)
+            read_stream(k, n);
+        // A close that fails leaves the handle to be let go by the abort.
+        if (k(VELK_close(h)) != 0)
+            k(VELK_abort_cleanup_and_close(h));
+    }
+    return k.unknown;
+}
+
+class DamagedFilesTest : public TempDirTest {
+protected:
+    // The tool's demo file, with a second stream counted by entries that
+    // carries user info, LBR and uncore values and a user-defined block, and
+    // a user-defined global block.
+    std::vector<unsigned char> complete_file()
+    {
+        const std::string name = path("whole.vk7");
+        const std::string command = std::string(VELK_TOOL_PATH) + " demo " + name + " >/dev/null";
+        EXPECT_EQ(0, system(command.c_str()));
+        velk_handle* h = nullptr;
+        EXPECT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
+        unsigned char block[24] = {1, 2, 3};
+        EXPECT_EQ(0u, VELK_writing_section(h, VELK_SECTION_USER_DEFINED));
+        EXPECT_EQ(0u, VELK_set_user_defined_global(h, sizeof(block), block));
+        EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_USER_DEFINED));
+        __VELK_stream_info info;
+        memset(&info, 0, sizeof(info));
+        info.stream_type = 2;
+        info.comment.text = w(L"second");
+        __VELK_user_info user = {{w(L"user text")}};
+        __velk_samprec_desc_entry field;
+        memset(&field, 0, sizeof(field));
+        field.entry_size = sizeof(field);
+        field.field_type = ST_TIMESTAMP;
+        field.field_length = 8;
+        field.name.text = w(L"stamp");
+        unsigned long long stamps[6] = {1, 2, 3, 4, 5, 6};
+        EXPECT_EQ(0u, VELK_writing_stream(h, 1));
+        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO));
+        EXPECT_EQ(0u, VELK_set_stream_info(h, 1, &info));
+        EXPECT_EQ(0u, VELK_set_user_info(h, 1, &user));
+        EXPECT_EQ(0u, VELK_set_lbr_info(h, 1, (VELK_LBR_FILTER)3));
+        EXPECT_EQ(0u, VELK_set_uncore_info(h, 1, 5, 6));
+        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO));
+        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED));
+        EXPECT_EQ(0u, VELK_set_user_defined_stream(h, 1, sizeof(block), block));
+        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED));
+        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+        EXPECT_EQ(0u, VELK_add_data_descriptor_entry(h, 1, &field));
+        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION));
+        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA));
+        EXPECT_EQ(0u, VELK_add_data(h, 1, sizeof(stamps), stamps));
+        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA));
+        EXPECT_EQ(0u, VELK_done_stream(h, 1));
+        EXPECT_EQ(0u, VELK_close(h));
+        return read_file(name);
+    }
+};
+
+}  // namespace
+
+TEST_F(DamagedFilesTest, EveryShorterLengthAndEveryChangedByteIsAnsweredWithAStatus)
+{
+    const std::vector<unsigned char> whole = complete_file();
+    ASSERT_GT(whole.size(), 8000u);
+    const std::string file = path("damaged.vk7");
+    write_file(file, whole);
+    EXPECT_EQ(0u, read_everything(file));
+
+    // Strides keep the suite quick. Both are prime to 8, so every position
+    // within an 8-byte field is hit; the change of a byte turns over every
+    // eight bytes changed, so each change meets every position.
+    for (size_t length = 0; length < whole.size(); length += 13) {
+        write_file(file, std::vector<unsigned char>(whole.begin(), whole.begin() + length));
+        ASSERT_EQ(0u, read_everything(file)) << "cut at " << length;
+    }
+    // Changes that break different kinds of field: all ones, zero, a flipped
+    // low bit, a flipped top bit.
+    static const unsigned char kChanges[] = {0xFF, 0x00, 0x01, 0x80};
+    for (size_t at = 0, i = 0; at < whole.size(); at += 5, ++i) {
+        std::vector<unsigned char> bytes = whole;
+        const unsigned char change = kChanges[(i / 8) % 4];
+        bytes[at] = change == 0x01 || change == 0x80 ? bytes[at] ^ change : change;
+        write_file(file, bytes);
+        ASSERT_EQ(0u, read_everything(file)) << "byte " << at << " set to " << (int)bytes[at];
+    }
+}
