@@ -8,6 +8,8 @@
 
 #include "sampling_utils/sampling_utils.h"
 #include "test_helpers.h"
+#include "velk_class/velk_class.h"
+#include "velk_entry/velk_handle.h"
 
 using namespace velk_test;
 
@@ -17,6 +19,7 @@ namespace {
 struct Checker {
     unsigned unknown = 0;
     unsigned long long sum = 0;  // every byte handed out is read into this
+    unsigned long long records = 0, data_bytes = 0;  // handed to the callbacks
     velk_handle* h = nullptr;
     unsigned operator()(unsigned status)
     {
@@ -47,6 +50,7 @@ unsigned walk_pids(__VELK_pid* r, unsigned bytes, unsigned entries, void* c)
 {
     Checker* k = static_cast<Checker*>(c);
     k->touch(r, bytes);
+    k->records += entries;
     for (unsigned i = 0; i < entries; ++i) {
         k->text(r[i].pid_path.id);
         k->text(r[i].pid_name.id);
@@ -58,14 +62,16 @@ unsigned walk_tids(__VELK_tid* r, unsigned bytes, unsigned entries, void* c)
 {
     Checker* k = static_cast<Checker*>(c);
     k->touch(r, bytes);
+    k->records += entries;
     for (unsigned i = 0; i < entries; ++i)
         k->text(r[i].tid_name.id);
     return 1;
 }
 
-unsigned walk_modules(__VELK_module* r, unsigned bytes, unsigned, void* c)
+unsigned walk_modules(__VELK_module* r, unsigned bytes, unsigned entries, void* c)
 {
     static_cast<Checker*>(c)->touch(r, bytes);
+    static_cast<Checker*>(c)->records += entries;
     return 1;
 }
 
@@ -81,6 +87,7 @@ unsigned walk_descriptors(__velk_samprec_desc_entry* e, unsigned, unsigned count
 unsigned walk_data(void* data, unsigned long long bytes, unsigned, void* c, unsigned long long*)
 {
     static_cast<Checker*>(c)->touch(data, bytes);
+    static_cast<Checker*>(c)->data_bytes += bytes;
     return 1;
 }
 
@@ -136,13 +143,13 @@ void read_stream(Checker& k, unsigned n)
 }
 
 // Reads everything a reader can ask for, then opens the file for writing
-// and closes it. Returns the number of answers that were not statuses.
-unsigned read_everything(const std::string& file)
+// and does the same before it closes.
+Checker read_everything(const std::string& file)
 {
     Checker k;
     for (unsigned mode : {VELK_OPEN_READ, VELK_OPEN_READ | VELK_OPEN_WRITE}) {
         if (k(VELK_open(&k.h, widen(file).c_str(), mode)) != 0)
-            return k.unknown;
+            return k;
         velk_handle* h = k.h;
         unsigned bound = 0;
         k(VELK_is_legacy_bound(h, &bound));
@@ -181,11 +188,15 @@ unsigned read_everything(const std::string& file)
         k(VELK_get_number_data_streams(h, &streams));
         for (unsigned n = 0; n < streams && n < 4; ++n)
             read_stream(k, n);
-        // A close that fails leaves the handle to be let go by the abort.
-        if (k(VELK_close(h)) != 0)
+        // A close that fails leaves the handle live: the abort cleans up,
+        // and the handle and its session are then the caller's to free.
+        if (k(VELK_close(h)) != 0) {
             k(VELK_abort_cleanup_and_close(h));
+            delete h->file_object;
+            free(h);
+        }
     }
-    return k.unknown;
+    return k;
 }
 
 class DamagedFilesTest : public TempDirTest {
@@ -238,31 +249,57 @@ protected:
     }
 };
 
+// The legacy sections of a file, listed in a section table of 20-byte
+// entries where they lie: what a version 5 writer would have left.
+std::vector<unsigned char> as_version_5(const std::vector<unsigned char>& file)
+{
+    Image f{file};
+    f.put(0, "SampleF ", 8);
+    std::fill(f.b.begin() + 16, f.b.begin() + 416, 0);
+    size_t at = 16;
+    for (unsigned kind : {16u, 13u, 3u, 7u, 2u, 19u, 1u}) {
+        const Slot s = legacy_slot(file, kind);
+        EXPECT_NE(0u, s.at) << kind;
+        f.slot(at, 20, s.length, s.file_offset, s.number_entries, s.entry_length, kind);
+        at += 20;
+    }
+    return f.b;
+}
+
 }  // namespace
 
 TEST_F(DamagedFilesTest, EveryShorterLengthAndEveryChangedByteIsAnsweredWithAStatus)
 {
-    const std::vector<unsigned char> whole = complete_file();
-    ASSERT_GT(whole.size(), 8000u);
+    const std::vector<unsigned char> v7 = complete_file();
+    ASSERT_GT(v7.size(), 8000u);
     const std::string file = path("damaged.vk7");
-    write_file(file, whole);
-    EXPECT_EQ(0u, read_everything(file));
+    for (const std::vector<unsigned char>& whole : {v7, as_version_5(v7)}) {
+        SCOPED_TRACE(std::string(whole.begin(), whole.begin() + 8));
+        // Whole, the file gives up its 2 processes, 2 threads and 3 modules,
+        // and its samples (the second stream is not in the older form), in
+        // each of the two sessions.
+        write_file(file, whole);
+        const Checker k = read_everything(file);
+        EXPECT_EQ(0u, k.unknown);
+        EXPECT_EQ(2 * 7u, k.records);
+        EXPECT_EQ(2 * (whole == v7 ? 384 + 48 : 384u), k.data_bytes);
 
-    // Strides keep the suite quick. Both are prime to 8, so every position
-    // within an 8-byte field is hit; the change of a byte turns over every
-    // eight bytes changed, so each change meets every position.
-    for (size_t length = 0; length < whole.size(); length += 13) {
-        write_file(file, std::vector<unsigned char>(whole.begin(), whole.begin() + length));
-        ASSERT_EQ(0u, read_everything(file)) << "cut at " << length;
-    }
-    // Changes that break different kinds of field: all ones, zero, a flipped
-    // low bit, a flipped top bit.
-    static const unsigned char kChanges[] = {0xFF, 0x00, 0x01, 0x80};
-    for (size_t at = 0, i = 0; at < whole.size(); at += 5, ++i) {
-        std::vector<unsigned char> bytes = whole;
-        const unsigned char change = kChanges[(i / 8) % 4];
-        bytes[at] = change == 0x01 || change == 0x80 ? bytes[at] ^ change : change;
-        write_file(file, bytes);
-        ASSERT_EQ(0u, read_everything(file)) << "byte " << at << " set to " << (int)bytes[at];
+        // Strides keep the suite quick. Both are prime to 8, so every
+        // position within an 8-byte field is hit; the change of a byte turns
+        // over every eight bytes changed, so each change meets every position.
+        for (size_t length = 0; length < whole.size(); length += 17) {
+            write_file(file, std::vector<unsigned char>(whole.begin(), whole.begin() + length));
+            ASSERT_EQ(0u, read_everything(file).unknown) << "cut at " << length;
+        }
+        // Changes that break different kinds of field: all ones, zero, a
+        // flipped low bit, a flipped top bit.
+        static const unsigned char kChanges[] = {0xFF, 0x00, 0x01, 0x80};
+        for (size_t at = 0, i = 0; at < whole.size(); at += 7, ++i) {
+            std::vector<unsigned char> bytes = whole;
+            const unsigned char change = kChanges[(i / 8) % 4];
+            bytes[at] = change == 0x01 || change == 0x80 ? bytes[at] ^ change : change;
+            write_file(file, bytes);
+            ASSERT_EQ(0u, read_everything(file).unknown) << "byte " << at << " set to " << (int)bytes[at];
+        }
     }
 }
