@@ -183,6 +183,19 @@ protected:
         EXPECT_EQ(0u, VELK_close(h));
         return Image{read_file(path(name))};
     }
+    // On the open file: the walk of `kind` from `read_start` is refused as a
+    // bad file with a line of `format`, before any callback; then closes.
+    void expect_bad_file(int kind, unsigned long long read_start, const std::string& format)
+    {
+        ASSERT_EQ(0u, VELK_reading_section(h, kSection[kind]));
+        LogCapture log(0x80000000u);
+        Walk w;
+        EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, kind, &w, read_start));
+        EXPECT_TRUE(log.contains_format(format)) << format;
+        EXPECT_EQ(0u, w.calls);
+        EXPECT_EQ(0u, VELK_done_section(h, kSection[kind]));
+        ASSERT_EQ(0u, VELK_close(h));
+    }
     velk_handle* h = nullptr;
 };
 
@@ -383,30 +396,15 @@ TEST_F(RecordsTest, ProcessLookupsAndADamagedCount)
     ASSERT_EQ(240u, slot.length);
     f.put64(slot.at + 16, 6);
     ASSERT_EQ(0u, open_image(f, "c.vk7"));
-    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_PROCESS));
-    log.clear();
-    Walk w;
-    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 0, &w, 5));
-    EXPECT_TRUE(log.contains_format(
-        "<velk %u::helper_map_sfs>6 records of 48 bytes don't fit in a section of 240 bytes!\n"));
-    EXPECT_EQ(0u, w.calls);
-    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
-    ASSERT_EQ(0u, VELK_close(h));
+    expect_bad_file(0, 5, "<velk %u::helper_map_sfs>6 records of 48 bytes don't fit in a section of "
+                          "240 bytes!\n");
 
     // A section moved off the 8-byte grid would hand out misaligned records.
     f.put64(slot.at + 16, 5);
     f.put64(slot.at + 8, slot.file_offset + 4);
     ASSERT_EQ(0u, open_image(f, "c.vk7"));
-    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_PROCESS));
-    log.clear();
-    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 0, &w, 0));
-    char line[128];
-    snprintf(line, sizeof(line), "records of 48 bytes at offset %llu are not 8-byte aligned!\n",
-             (unsigned long long)slot.file_offset + 4);
-    EXPECT_TRUE(log.contains_format((std::string("<velk %u::helper_map_sfs>") + line).c_str()));
-    EXPECT_EQ(0u, w.calls);
-    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_PROCESS));
-    ASSERT_EQ(0u, VELK_close(h));
+    expect_bad_file(0, 0, "<velk %u::helper_map_sfs>records of 48 bytes at offset " +
+                              std::to_string(slot.file_offset + 4) + " are not 8-byte aligned!\n");
 }
 
 TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
@@ -433,25 +431,14 @@ TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
     Image f = build("big.vk7", 2, 1, 200);
     f.put64(global_slot(f.b, KIND_MODULE).at, 0);
     ASSERT_EQ(0u, open_image(f, "big.vk7"));
-    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
-    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 2, &w, 0));
-    EXPECT_TRUE(log.contains_format("<velk %u::helper_get_module_info_from_file>module record size "
-                                    "200 is more than the 144 bytes of a translated record!\n"));
-    EXPECT_EQ(0u, w.calls);
-    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
-    ASSERT_EQ(0u, VELK_close(h));
+    expect_bad_file(2, 0, "<velk %u::helper_get_module_info_from_file>module record size 200 is "
+                          "more than the 144 bytes of a translated record!\n");
 
     // Records of 100 bytes in the file would leave the 8-byte grid.
     build("odd.vk7", 2, 1, 100);
     ASSERT_EQ(0u, open(path("odd.vk7"), VELK_OPEN_READ));
-    ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_MODULE));
-    log.clear();
-    EXPECT_EQ(VELK_E_BAD_FILE, enumerate(h, 2, &w, 0));
-    EXPECT_TRUE(log.contains_format(
-        "<velk %u::helper_map_sfs>records of 100 bytes at offset %u are not 8-byte aligned!\n"));
-    EXPECT_EQ(0u, w.calls);
-    EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_MODULE));
-    ASSERT_EQ(0u, VELK_close(h));
+    expect_bad_file(2, 0, "<velk %u::helper_map_sfs>records of 100 bytes at offset %u are not 8-byte "
+                          "aligned!\n");
 }
 
 TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)
