@@ -12,6 +12,7 @@
 
 #include "sampling_utils.h"
 #include "velk_class/velk_class.h"
+#include "velk_entry/velk_handle.h"
 
 namespace velk_test {
 
@@ -249,6 +250,12 @@ std::string text_of(velk_handle* h, unsigned long long id)
     if (VELK_convert_uniqueid_to_string(h, size, &s, wide.data(), &size) != 0)
         return "?";
     return narrow(wide.data());
+}
+
+void free_kept(velk_handle* h)
+{
+    delete h->file_object;
+    free(h);
 }
 
 void Image::put(size_t at, const void* data, size_t n)

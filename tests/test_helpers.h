@@ -74,6 +74,10 @@ struct Image {
               uint32_t entry_length, uint32_t kind);
 };
 
+// Frees what a handle keeps after an abort or a failed close: the handle's
+// record and its session.
+void free_kept(velk_handle* h);
+
 // A wide text literal as the non-const pointer the records carry.
 inline wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
 

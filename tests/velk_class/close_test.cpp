@@ -160,7 +160,6 @@ TEST_F(CloseTest, VersionTestAtOpen)
     velk_handle* h = nullptr;
     ASSERT_EQ(0u, VELK_open(&h, widen(path("died")).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
     ASSERT_EQ(0u, h->file_object->VELK_abort_cleanup_and_close());
-    delete h->file_object;
-    free(h);
+    free_kept(h);
     EXPECT_EQ(VELK_E_SECTION_MISSING, VELK_open(&h, widen(path("died")).c_str(), VELK_OPEN_READ));
 }

@@ -360,8 +360,7 @@ TEST_F(LegacyRecordsTest, BoundStateDecidesBitThreeAndItsFailureFailsTheAdd)
     // An abort leaves the handle and its session to the caller.
     auto abort_and_free = [&]() {
         EXPECT_EQ(0u, VELK_abort_cleanup_and_close(h));
-        delete h->file_object;
-        free(h);
+        free_kept(h);
     };
     // A legacy-bound file: modules added to it have bit 3 of byte 0 clear;
     // the same file not bound has it set.

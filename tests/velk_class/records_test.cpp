@@ -396,8 +396,9 @@ TEST_F(RecordsTest, ProcessLookupsAndADamagedCount)
     ASSERT_EQ(240u, slot.length);
     f.put64(slot.at + 16, 6);
     ASSERT_EQ(0u, open_image(f, "c.vk7"));
-    expect_bad_file(0, 5, "<velk %u::helper_map_sfs>6 records of 48 bytes don't fit in a section of "
-                          "240 bytes!\n");
+    expect_bad_file(0, 5,
+                    "<velk %u::helper_map_sfs>6 records of 48 bytes don't fit in a section of "
+                    "240 bytes!\n");
 
     // A section moved off the 8-byte grid would hand out misaligned records.
     f.put64(slot.at + 16, 5);
@@ -437,8 +438,9 @@ TEST_F(RecordsTest, ModuleRecordSizeComesFromTheDescriptors)
     // Records of 100 bytes in the file would leave the 8-byte grid.
     build("odd.vk7", 2, 1, 100);
     ASSERT_EQ(0u, open(path("odd.vk7"), VELK_OPEN_READ));
-    expect_bad_file(2, 0, "<velk %u::helper_map_sfs>records of 100 bytes at offset %u are not 8-byte "
-                          "aligned!\n");
+    expect_bad_file(2, 0,
+                    "<velk %u::helper_map_sfs>records of 100 bytes at offset %u are not 8-byte "
+                    "aligned!\n");
 }
 
 TEST_F(RecordsTest, LegacyOnlyFileIsTranslatedOnce)

@@ -20,12 +20,6 @@ protected:
                                 VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
         return h;
     }
-    // What a handle keeps after an abort or a failed close.
-    static void free_kept(velk_handle* h)
-    {
-        delete h->file_object;
-        free(h);
-    }
 };
 
 }  // namespace
