@@ -1,4 +1,5 @@
-// Host, OS, application and version records: refusals, sections written, legacy sections translated, damage refused.
+// The file-wide records (host, OS, application, version) and the stream information: refusals, the
+// sections written, legacy sections translated, damage refused.
 #include <string.h>
 
 #include <memory>
@@ -11,11 +12,19 @@ namespace {
 using namespace velk_test;
 using Bytes = std::vector<unsigned char>;
 using Sfs = __VELK_sample_file_section_vk6;
-using U = std::vector<uint64_t>;  // a braced list runs left to right: {call, what it wrote}
-struct Refusal { unsigned int got, status; std::string line; };
-template <typename T> Bytes raw(const T& v, size_t n = sizeof(T)) { return Bytes((const uint8_t*)&v, (const uint8_t*)&v + n); }
-void put(Bytes& b, size_t at, const std::string& v) { memcpy(b.data() + at, v.data(), v.size()); }
-void put_words(Bytes& b, const std::vector<U>& at_value_size) { for (const U& p : at_value_size) memcpy(b.data() + p[0], &p[1], p[2]); }
+// A braced list runs left to right: {call, what it wrote}.
+using Words = std::vector<uint64_t>;
+const unsigned int kInfo = VELK_STREAM_SECTION_STREAM_INFO;
+struct Refusal {
+    unsigned int got, status;
+    std::string line;
+};
+
+// The public stream record's words, its texts aside.
+std::string words(const __VELK_stream_info& i)
+{
+    return std::string((const char*)&i, 32) + std::to_string(i.stream_value);
+}
 
 class ConfigurationTest : public TempDirTest {
 protected:
@@ -24,7 +33,8 @@ protected:
         TempDirTest::SetUp();
         s_.reset(new velk_class);
         b_ = s_->sections_ptr;
-        ASSERT_EQ(0u, s_->VELK_initialize_me(widen(path("f.vk7")).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+        ASSERT_EQ(0u, s_->VELK_initialize_me(widen(path("f.vk7")).c_str(),
+                                             VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
     }
     void TearDown() override
     {
@@ -32,131 +42,400 @@ protected:
         s_.reset();
         TempDirTest::TearDown();
     }
+    // Each status and its line; %u stands for any number.
     void expect_refused(const std::vector<Refusal>& rows) const
     {
-        for (const Refusal& row : rows)
-            EXPECT_TRUE(row.got == row.status && log_.contains("<velk " + std::to_string(s_->instance) + "::" + row.line)) << row.got << row.line;
+        for (const Refusal& r : rows)
+            EXPECT_TRUE(
+                r.got == r.status &&
+                log_.contains_format("<velk " + std::to_string(s_->instance) + "::" + r.line))
+                << r.got << r.line;
     }
     std::wstring text(__string_or_id sid)  // "#" for an id that does not resolve
     {
         wchar_t buffer[200] = {};
-        return (s_->VELK_convert_uniqueid_to_string(sizeof(buffer), &sid, buffer, nullptr) ? std::wstring(L"#") : buffer) + L"|";
+        if (s_->VELK_convert_uniqueid_to_string(sizeof(buffer), &sid, buffer, nullptr) != 0)
+            return L"#|";
+        return buffer + std::wstring(L"|");
     }
-    void append(Sfs* sfs, const Bytes& data, uint64_t entries = 1)  // a section described as the analysis of a file would
+    // A section described as the analysis of a file would.
+    void append(Sfs* sfs, const Bytes& data, uint64_t entries = 1)
     {
         *sfs = Sfs{data.size(), VELK_OSI_Get_File_Size(s_->file_handle), entries, 0, 0, 0, 0};
         ASSERT_EQ(0u, s_->utility_write_final_file(data.data(), data.size(), VELK_OSI_SEEK_END, 0));
     }
-    // The writer appends data, marker with its NUL and padding to a multiple of 8 plus 16, and its descriptor to its table.
-    void expect_written(unsigned int (velk_class::*write)(), const Sfs* d, U sfs, Bytes want, const std::string& marker, bool legacy = false)
+    // The writer appends the record, its marker with its NUL and padding to a multiple of 8 plus
+    // 16, and its descriptor to its table: kind, entries, entry length.
+    void expect_written(unsigned int (velk_class::*write)(), const Sfs* d, Words sfs, Bytes want,
+                        const std::string& marker, bool legacy = false)
     {
         const uint64_t before = VELK_OSI_Get_File_Size(s_->file_handle);
         ASSERT_EQ(0u, ((*s_).*write)()) << marker;
         const Bytes f = read_file(path("f.vk7"));
-        const uint64_t entry = legacy ? VELK_SECTION_TABLE_OFFSET + (b_->legacy_next_slot - 1) * 40
-                                      : b_->sfs_global_offset.file_offset + (b_->global_next_slot - 1) * 40;
+        const uint64_t entry =
+            legacy ? VELK_SECTION_TABLE_OFFSET + (b_->legacy_next_slot - 1) * 40
+                   : b_->sfs_global_offset.file_offset + (b_->global_next_slot - 1) * 40;
         want.insert(want.end(), marker.c_str(), marker.c_str() + marker.size() + 1);
         want.resize(want.size() + 24 - ((before + want.size()) & 7), 0);
-        EXPECT_EQ((U{sfs[0], before, sfs[1], sfs[2], sfs[1] * sfs[2]}), (U{d->section_id, d->file_offset, d->number_entries, d->entry_length, d->length}));
-        EXPECT_EQ(want, Bytes(f.begin() + before, f.end())) << marker;
-        EXPECT_EQ(raw(*d), Bytes(f.begin() + entry, f.begin() + entry + sizeof(Sfs))) << marker;
+        EXPECT_EQ(
+            (Words{sfs[0], before, sfs[1], sfs[2], sfs[1] * sfs[2]}),
+            (Words{d->section_id, d->file_offset, d->number_entries, d->entry_length, d->length}));
+        EXPECT_EQ(want, slice(f, before, f.size() - before)) << marker;
+        EXPECT_EQ(bytes_of(*d), slice(f, entry, sizeof(Sfs))) << marker;
+    }
+    // File version, then the version record's major, minor, patch word and revision.
+    void set_version(const Words& v)
+    {
+        s_->vk_file_version = (unsigned int)v[0];
+        b_->version = {16, (uint16_t)v[1], (uint16_t)v[2], (uint32_t)v[3], (uint32_t)v[4]};
+        b_->version_set = 1;
+        b_->section_state[VELK_SECTION_VERSION_INFO] = VELK_STATE_EXISTS;
+    }
+    // Stream 0 from writing to reading its information. VELK_done_stream refuses a record the test
+    // cleared, and still ends writing.
+    void to_reading()
+    {
+        ASSERT_EQ(0u, s_->VELK_done_stream_section(0, kInfo));
+        s_->VELK_done_stream(0);
+        ASSERT_FALSE(s_->VELK_reading_stream(0) || s_->VELK_reading_stream_section(0, kInfo));
     }
     std::unique_ptr<velk_class> s_;
     velk_section_block* b_ = nullptr;
+    __VELK_stream_struct* node_ = nullptr;
     LogCapture log_;
-    // Host and OS record 0 have texts that just fit the legacy record (63 and 127 bytes of UTF-8), OS record 2 one byte too long.
-    std::wstring long_host_ = L"h\u00F6" + std::wstring(60, L'h'), long_os_ = std::wstring(127, L'o'), too_long_[2] = {long_os_ + L'o', long_host_ + L'h'};
-    __VELK_host host_{7, 0x80000001u, {&long_host_[0]}, {(wchar_t*)L"host two"}}, h_{};
-    __VELK_os os_[7] = {{40, 3, 11, 12, 13, 14, {&long_os_[0]}, {(wchar_t*)L"os two"}}, {40, 4, 21, 22, 23, 24, {nullptr}, {(wchar_t*)L"2nd"}},
-                        {40, 5, 0, 0, 0, 0, {&too_long_[0][0]}, {&too_long_[1][0]}}}, got_os_[1];
-    __VELK_application app_{32, 0, 5, 6, 0x1122334455667788ull, 0x99}, a_;
-    __VELK_version_info version_{16, 2, 1, 8, 27}, v_;
+    __VELK_host h_ = {};
+    __VELK_os got_os_[1];
+    __VELK_application a_;
+    __VELK_version_info v_;
     unsigned int n_ = 0;
+    __VELK_stream_info in_ = {
+        40, 11, 1, 13, 14, 15, 16, 17, {w(L"cmd --x")}, {}, {w(L"comment")}, 0x123456789ULL};
+    __VELK_stream_info out_ = {};
 };
 
 TEST_F(ConfigurationTest, WritingSessionKeepsTheProtocolAndLaysOutTheSections)
 {
-    const std::string none = ">nothing to write!\n", busy = ">this section already exists or write_section was not first called!\n",
-                      idle = ">either this section doesn't exist, it's being written, or read_section was not first called!\n";
-    expect_refused({{s_->VELK_set_host(nullptr), 145, "VELK_get_host" + none}, {s_->VELK_set_host(&host_), 125, "VELK_set_host" + busy},
-                    {s_->VELK_set_os(1, nullptr), 145, "VELK_set_os" + none}, {s_->VELK_set_os(1, os_), 125, "VELK_set_os" + busy},
-                    {s_->VELK_set_application(&app_), 125, "VELK_set_application" + busy}, {s_->VELK_set_version_info(nullptr), 145, "VELK_set_version_info" + none},
-                    {s_->VELK_set_version_info(&version_), 125, "VELK_set_version_info>this section already exists or write was not first called!\n"},
-                    {s_->VELK_get_host(0, nullptr, nullptr), 124, "VELK_get_host" + idle}, {s_->VELK_get_os(0, nullptr, nullptr), 124, "VELK_get_os" + idle},
-                    {s_->VELK_get_application(0, nullptr, nullptr), 124, "VELK_get_application" + idle},
-                    {s_->VELK_get_version_info(0, nullptr, nullptr), 124, "VELK_get_version_info>this section does not exist or read was not first called!\n"}});
-    ASSERT_FALSE(s_->VELK_writing_section(VELK_SECTION_CONFIGURATION) || s_->VELK_writing_section(VELK_SECTION_VERSION_INFO));
-    s_->legacy_header.header_word_0 = s_->legacy_header.header_word_2 = 9;  // the version clears both
-    expect_refused({{s_->VELK_set_os(7, os_), 125, "VELK_set_os>this section cannot store 7 number of os info!\n"}});
-    EXPECT_EQ((U{0, 3, 0, 0}), (U{s_->VELK_set_os(6, os_) || s_->VELK_set_os(3, os_) || s_->VELK_set_host(&host_) || s_->VELK_set_application(&app_) ||
-                                      s_->VELK_set_version_info(&version_), b_->os_count, s_->legacy_header.header_word_0, s_->legacy_header.header_word_2}));
-    ASSERT_FALSE(s_->VELK_done_section(1) || s_->VELK_done_section(5) || s_->VELK_reading_section(1) || s_->VELK_reading_section(5));
-    EXPECT_EQ((U{0, 24, 0, 120, 0, 32, 0, 16}), (U{s_->VELK_get_host(0, nullptr, &n_), n_, s_->VELK_get_os(0, nullptr, &n_), n_,
-                                                  s_->VELK_get_application(0, nullptr, &n_), n_, s_->VELK_get_version_info(0, nullptr, &n_), n_}));
-    expect_refused({{s_->VELK_get_host(23, &h_, &n_), 103, "VELK_get_host>buffer allocated by caller is not big enough!\n"}});
-    EXPECT_TRUE(raw(h_) == Bytes(24, 0) && host_.host_text_2.text == std::wstring(L"host two"));  // the caller's texts stay as well
-    ASSERT_FALSE(s_->VELK_get_host(24, &h_, nullptr) || s_->VELK_get_application(32, &a_, &n_) || s_->VELK_get_version_info(16, &v_, &n_));
-    EXPECT_TRUE(h_.host_size == 7 && h_.host_flags == 0x80000001u && raw(a_) == raw(app_) && raw(v_) == raw(version_) && b_->os[1].os_text_1.id == 0);
+    // Host and OS record 0 have texts that just fit the legacy record (63 and 127 bytes of UTF-8),
+    // OS record 2 one byte too long.
+    std::wstring long_host = L"h\u00F6" + std::wstring(60, L'h'), long_os(127, L'o');
+    std::wstring too_long[2] = {long_os + L'o', long_host + L'h'};
+    __VELK_host host = {7, 0x80000001u, {&long_host[0]}, {w(L"host two")}};
+    __VELK_os os[7] = {{40, 3, 11, 12, 13, 14, {&long_os[0]}, {w(L"os two")}},
+                       {40, 4, 21, 22, 23, 24, {nullptr}, {w(L"2nd")}},
+                       {40, 5, 0, 0, 0, 0, {&too_long[0][0]}, {&too_long[1][0]}}};
+    __VELK_application app = {32, 0, 5, 6, 0x1122334455667788ull, 0x99};
+    __VELK_version_info version = {16, 2, 1, 8, 27};
+    const std::string none = ">nothing to write!\n",
+                      busy =
+                          ">this section already exists or write_section was not first called!\n",
+                      idle =
+                          ">either this section doesn't exist, it's being written, or read_section "
+                          "was not first called!\n";
+    expect_refused(
+        {{s_->VELK_set_host(nullptr), 145, "VELK_get_host" + none},
+         {s_->VELK_set_host(&host), 125, "VELK_set_host" + busy},
+         {s_->VELK_set_os(1, nullptr), 145, "VELK_set_os" + none},
+         {s_->VELK_set_os(1, os), 125, "VELK_set_os" + busy},
+         {s_->VELK_set_application(&app), 125, "VELK_set_application" + busy},
+         {s_->VELK_set_version_info(nullptr), 145, "VELK_set_version_info" + none},
+         {s_->VELK_set_version_info(&version), 125,
+          "VELK_set_version_info>this section already exists or write was not first called!\n"},
+         {s_->VELK_get_host(0, nullptr, nullptr), 124, "VELK_get_host" + idle},
+         {s_->VELK_get_os(0, nullptr, nullptr), 124, "VELK_get_os" + idle},
+         {s_->VELK_get_application(0, nullptr, nullptr), 124, "VELK_get_application" + idle},
+         {s_->VELK_get_version_info(0, nullptr, nullptr), 124,
+          "VELK_get_version_info>this section does not exist or read was not first called!\n"}});
+    ASSERT_FALSE(s_->VELK_writing_section(VELK_SECTION_CONFIGURATION) ||
+                 s_->VELK_writing_section(VELK_SECTION_VERSION_INFO));
+    expect_refused({{s_->VELK_set_os(7, os), 125,
+                     "VELK_set_os>this section cannot store 7 number of os info!\n"}});
+    // The version clears both legacy header words; the last set of the OS records counts.
+    s_->legacy_header.header_word_0 = 9;
+    s_->legacy_header.header_word_2 = 9;
+    EXPECT_EQ((Words{0, 0, 0}),
+              (Words{s_->VELK_set_os(6, os) || s_->VELK_set_os(3, os) || s_->VELK_set_host(&host) ||
+                         s_->VELK_set_application(&app) || s_->VELK_set_version_info(&version),
+                     s_->legacy_header.header_word_0, s_->legacy_header.header_word_2}));
+    ASSERT_FALSE(s_->VELK_done_section(1) || s_->VELK_done_section(5) ||
+                 s_->VELK_reading_section(1) || s_->VELK_reading_section(5));
+    EXPECT_EQ((Words{0, 120}), (Words{s_->VELK_get_os(0, nullptr, &n_), n_}));
+    // A refused get leaves the caller's record alone; a set leaves the caller's texts.
+    expect_refused({{s_->VELK_get_host(23, &h_, &n_), 103,
+                     "VELK_get_host>buffer allocated by caller is not big enough!\n"}});
+    EXPECT_TRUE(bytes_of(h_) == Bytes(24, 0) && host.host_text_2.text == std::wstring(L"host two"));
 
     ASSERT_EQ(0u, s_->write_to_file_hidden_string_section(nullptr));
-    expect_written(&velk_class::write_to_file_velk_host, &b_->sfs_host, {26, 1, 24}, raw(b_->host), "end velk host");
-    expect_written(&velk_class::write_to_file_velk_os, &b_->sfs_os, {27, 3, 40}, raw(b_->os, 120), "end velk os");
-    expect_written(&velk_class::write_to_file_ruma_sysinfo_and_velk_application, &b_->sfs_application, {28, 1, 32}, raw(app_), "end velk application");
-    expect_written(&velk_class::write_to_file_velk_version_info, &b_->sfs_version_info, {33, 1, 16}, raw(version_), "end velk version info");
-    Bytes sw(476, 0);
-    put(sw, 0, "host two"), put(sw, 64, "h\xC3\xB6" + std::string(60, 'h')), put(sw, 128, std::string(127, 'o')), put(sw, 280, "os two");
-    put_words(sw, {{256, 3, 4}, {264, 11, 4}, {268, 12, 4}, {272, 13, 4}, {276, 3, 4}});
-    expect_written(&velk_class::write_to_file_legacy_software_section, &b_->sfs_legacy_software_config, {13, 1, 476}, sw, "end legacy software config", true);
-    b_->os_count = 0;  // the section claims one record, and the marker stands in its place
-    expect_written(&velk_class::write_to_file_velk_os, &b_->sfs_os, {27, 1, 40}, Bytes(), "end velk os");
+    expect_written(&velk_class::write_to_file_velk_host, &b_->sfs_host, {26, 1, 24},
+                   bytes_of(b_->host), "end velk host");
+    expect_written(&velk_class::write_to_file_velk_os, &b_->sfs_os, {27, 3, 40},
+                   slice(bytes_of(b_->os), 0, 120), "end velk os");
+    expect_written(&velk_class::write_to_file_ruma_sysinfo_and_velk_application,
+                   &b_->sfs_application, {28, 1, 32}, bytes_of(app), "end velk application");
+    expect_written(&velk_class::write_to_file_velk_version_info, &b_->sfs_version_info, {33, 1, 16},
+                   bytes_of(version), "end velk version info");
+    // The legacy software configuration: host texts 2 and 1, OS text 1, OS type, words 1 to 3, the
+    // type again, OS text 2.
+    Image sw;
+    sw.put(0, "host two", 8);
+    sw.put(64, ("h\xC3\xB6" + std::string(60, 'h')).c_str(), 63);
+    sw.put(128, std::string(127, 'o').c_str(), 127);
+    for (const Words& p : {Words{256, 3}, {264, 11}, {268, 12}, {272, 13}, {276, 3}})
+        sw.put32(p[0], (uint32_t)p[1]);
+    sw.put(280, "os two", 6);
+    sw.b.resize(476);
+    expect_written(&velk_class::write_to_file_legacy_software_section,
+                   &b_->sfs_legacy_software_config, {13, 1, 476}, sw.b,
+                   "end legacy software config", true);
+    // Without records the section claims one, and the marker stands in its place.
+    b_->os_count = 0;
+    expect_written(&velk_class::write_to_file_velk_os, &b_->sfs_os, {27, 1, 40}, Bytes(),
+                   "end velk os");
 
+    // A text one byte too long for its field: 128 bytes for the OS field, then 64 for the host
+    // field.
     log_.clear();
-    b_->os[0].os_text_1 = b_->os[2].os_text_1;  // 128 bytes for the OS field, then 64 for the host field
+    b_->os[0].os_text_1 = b_->os[2].os_text_1;
     const unsigned int os_status = s_->write_to_file_legacy_software_section();
     b_->os[0].os_text_1 = b_->os[0].os_text_2;
     b_->host.host_text_1 = b_->os[2].os_text_2;
-    EXPECT_EQ((U{103, 103, 4}), (U{os_status, s_->write_to_file_legacy_software_section(), log_.count_prefix("Operation failed with error code  (")}));
+    EXPECT_EQ((Words{103, 103, 4}),
+              (Words{os_status, s_->write_to_file_legacy_software_section(),
+                     log_.count_prefix("Operation failed with error code  (")}));
 }
 
 TEST_F(ConfigurationTest, SectionsOnFileAreTranslatedOrRefused)
 {
-    s_->string_base = s_->final_file_size = VELK_OSI_Get_File_Size(s_->file_handle);  // new strings resolve from the store
-    b_->section_state[VELK_SECTION_CONFIGURATION] = b_->section_state[VELK_SECTION_VERSION_INFO] = 2;
-    const std::string missing = ">software configuration section not found!\n", shorter = ">section is shorter than its record!\n";
-    expect_refused({{s_->VELK_get_os(40, got_os_, &n_), 78, "VELK_get_os" + missing}, {s_->VELK_get_host(24, &h_, &n_), 78, "VELK_get_host" + missing},
-                    {s_->VELK_get_version_info(16, &v_, &n_), 78, "VELK_get_version_info>velk_version_info section not found!\n"}});
+    // New strings resolve from the store.
+    s_->string_base = VELK_OSI_Get_File_Size(s_->file_handle);
+    s_->final_file_size = s_->string_base;
+    b_->section_state[VELK_SECTION_CONFIGURATION] = VELK_STATE_READING;
+    b_->section_state[VELK_SECTION_VERSION_INFO] = VELK_STATE_READING;
+    const std::string missing = ">software configuration section not found!\n",
+                      shorter = ">section is shorter than its record!\n";
+    expect_refused({{s_->VELK_get_os(40, got_os_, &n_), 78, "VELK_get_os" + missing},
+                    {s_->VELK_get_host(24, &h_, &n_), 78, "VELK_get_host" + missing},
+                    {s_->VELK_get_version_info(16, &v_, &n_), 78,
+                     "VELK_get_version_info>velk_version_info section not found!\n"}});
     s_->vk_file_version = 6;
-    expect_refused({{s_->VELK_get_application(32, &a_, &n_), 78, "VELK_get_application>ruma system info section not found!\n"}});
+    expect_refused({{s_->VELK_get_application(32, &a_, &n_), 78,
+                     "VELK_get_application>ruma system info section not found!\n"}});
 
-    Bytes sw(476, 0), ex(460, 0), sys(48, 0);
-    put(sw, 0, "two"), put(sw, 64, "one"), put(sw, 128, std::string(128, 'a')), put(sw, 280, "os \xC3\xB6");
-    put_words(sw, {{256, 5, 4}, {264, 0x1234, 4}, {268, 7, 4}, {272, 9, 4}}), put_words(ex, {{0, 0x00030002, 4}});
-    put_words(sys, {{16, 0x1111222233334444ull, 8}, {24, 0x55, 8}, {32, 0x66, 4}, {36, 0x77, 4}});
-    for (const auto& section : {std::make_pair(&b_->sfs_legacy_software_config, sw), {&b_->sfs_legacy_header_ex, ex}, {&b_->sfs_legacy_ruma_sys_info, sys}})
-        append(section.first, section.second);
-    EXPECT_EQ((U{0, 40, 0}), (U{s_->VELK_get_os(0, nullptr, &n_), n_, s_->VELK_get_os(40, got_os_, &n_)}));
-    EXPECT_EQ(raw(__VELK_os{40, 5, 0, 7, 9, 0, {}, {}}, 24), raw(got_os_[0], 24));  // word 1 is not taken from 264
-    EXPECT_EQ(std::wstring(128, L'a') + L"|os \u00F6|", text(got_os_[0].os_text_1) + text(got_os_[0].os_text_2));
-    EXPECT_EQ((U{0, 0, 1, 0}), (U{s_->VELK_get_os(0, nullptr, &n_), n_, b_->os_set, b_->os_count}));
+    // Legacy sections: the software configuration (host texts 2 and 1, a 128-byte OS text with no
+    // NUL, OS type, words 1 to 3, OS text 2), the header ex's first word (major and minor), and the
+    // system info's application values.
+    Image sw, ex, sys;
+    sw.put(0, "two", 3);
+    sw.put(64, "one", 3);
+    sw.put(128, std::string(128, 'a').c_str(), 128);
+    for (const Words& p : {Words{256, 5}, {264, 0x1234}, {268, 7}, {272, 9}})
+        sw.put32(p[0], (uint32_t)p[1]);
+    sw.put(280, "os \xC3\xB6", 5);
+    sw.b.resize(476);
+    ex.put32(0, 0x00030002);
+    ex.b.resize(460);
+    sys.put64(16, 0x1111222233334444ull);
+    sys.put64(24, 0x55);
+    sys.put32(32, 0x66);
+    sys.put32(36, 0x77);
+    sys.b.resize(48);
+    append(&b_->sfs_legacy_software_config, sw.b);
+    append(&b_->sfs_legacy_header_ex, ex.b);
+    append(&b_->sfs_legacy_ruma_sys_info, sys.b);
+    // OS word 1 is not taken from 264; the translation leaves the count at 0, so a second size
+    // question gets 0.
+    EXPECT_EQ((Words{0, 40, 0}),
+              (Words{s_->VELK_get_os(0, nullptr, &n_), n_, s_->VELK_get_os(40, got_os_, &n_)}));
+    EXPECT_EQ(slice(bytes_of(__VELK_os{40, 5, 0, 7, 9, 0, {}, {}}), 0, 24),
+              slice(bytes_of(got_os_[0]), 0, 24));
+    EXPECT_EQ(std::wstring(128, L'a') + L"|os \u00F6|",
+              text(got_os_[0].os_text_1) + text(got_os_[0].os_text_2));
+    EXPECT_EQ((Words{0, 0}), (Words{s_->VELK_get_os(0, nullptr, &n_), n_}));
     ASSERT_FALSE(s_->VELK_get_host(24, &h_, &n_) || s_->VELK_get_version_info(16, &v_, &n_));
-    EXPECT_TRUE(raw(v_) == raw(__VELK_version_info{16, 2, 3, 0, 0}) && h_.host_size == 24 && h_.host_flags == 0 && b_->host_set && b_->version_set);
+    EXPECT_TRUE(bytes_of(v_) == bytes_of(__VELK_version_info{16, 2, 3, 0, 0}) &&
+                h_.host_size == 24 && h_.host_flags == 0);
     EXPECT_EQ(L"one|two|", text(h_.host_text_1) + text(h_.host_text_2));
-    b_->section_state[VELK_SECTION_VERSION_INFO] = 1;  // entered by the test of version, and left in use
+    // The version section entered, as by a test of the version.
+    b_->section_state[VELK_SECTION_VERSION_INFO] = VELK_STATE_EXISTS;
     ASSERT_EQ(0u, s_->VELK_get_application(32, &a_, &n_));
-    EXPECT_TRUE(raw(a_) == raw(__VELK_application{32, 0, 0x66, 0x77, 0x1111222233334444ull, 0x55}) && b_->section_state[VELK_SECTION_VERSION_INFO] == 2);
+    EXPECT_EQ(bytes_of(__VELK_application{32, 0, 0x66, 0x77, 0x1111222233334444ull, 0x55}),
+              bytes_of(a_));
 
-    b_->host_set = b_->os_set = b_->version_set = 0;
-    append(&b_->sfs_version_info, raw(__VELK_version_info{17, 2, 1, 8, 27}));
-    expect_refused({{s_->VELK_get_version_info(16, &v_, &n_), 80, "VELK_get_version_info>data corrupted!\n"}});
+    // Damaged new-form sections.
+    b_->host_set = 0;
+    b_->os_set = 0;
+    b_->version_set = 0;
+    append(&b_->sfs_version_info, bytes_of(__VELK_version_info{17, 2, 1, 8, 27}));
+    expect_refused(
+        {{s_->VELK_get_version_info(16, &v_, &n_), 80, "VELK_get_version_info>data corrupted!\n"}});
     append(&b_->sfs_host, Bytes(8, 1));
-    append(&b_->sfs_legacy_software_config, Bytes(300, 'x'));  // no NUL, and too short for the OS part
+    append(&b_->sfs_legacy_software_config, Bytes(300, 'x'));  // no NUL, too short for the OS
     append(&b_->sfs_os, Bytes(40, 2), 3);
     append(&b_->sfs_version_info, Bytes(4, 16));
-    expect_refused({{s_->VELK_get_host(24, &h_, &n_), 24, "VELK_get_host" + shorter}, {s_->VELK_get_os(0, nullptr, &n_), 24, "VELK_get_os" + shorter},
-                    {s_->VELK_get_version_info(16, &v_, &n_), 24, "VELK_get_version_info" + shorter}});
-    b_->sfs_os.length = b_->sfs_host.length = 0;
-    EXPECT_EQ((U{24, 0}), (U{s_->VELK_get_os(40, got_os_, &n_), s_->VELK_get_host(24, &h_, &n_)}));  // the 64-byte fields are cut, not overrun
-    EXPECT_EQ(std::wstring(64, L'x') + L"|" + std::wstring(64, L'x') + L"|", text(h_.host_text_1) + text(h_.host_text_2));
+    expect_refused(
+        {{s_->VELK_get_host(24, &h_, &n_), 24, "VELK_get_host" + shorter},
+         {s_->VELK_get_os(0, nullptr, &n_), 24, "VELK_get_os" + shorter},
+         {s_->VELK_get_version_info(16, &v_, &n_), 24, "VELK_get_version_info" + shorter}});
+    // Back to the legacy record: the 64-byte host fields are cut, not overrun.
+    b_->sfs_os.length = 0;
+    b_->sfs_host.length = 0;
+    EXPECT_EQ((Words{24, 0}),
+              (Words{s_->VELK_get_os(40, got_os_, &n_), s_->VELK_get_host(24, &h_, &n_)}));
+    EXPECT_EQ(std::wstring(64, L'x') + L"|" + std::wstring(64, L'x') + L"|",
+              text(h_.host_text_1) + text(h_.host_text_2));
+}
+
+TEST_F(ConfigurationTest, StreamInfoAndSmallValuesKeepTheProtocol)
+{
+    ASSERT_EQ(0u, s_->VELK_writing_stream(0));
+    node_ = s_->stream_list;
+    expect_refused(
+        {{s_->VELK_set_stream_info(0, nullptr), 145, "VELK_set_stream_info>nothing to write!\n"},
+         {s_->VELK_set_stream_info(0, &in_), 81,
+          "VELK_set_stream_info>this stream section already exists or write was not first "
+          "called!\n"}});
+    ASSERT_EQ(0u, s_->VELK_writing_stream_section(0, kInfo));
+    // The caller's size is kept in the short form only: file version, revision, size kept. A file
+    // with a header ex keeps its words; without one, stream 0 mirrors its words there.
+    b_->sfs_legacy_header_ex.length = 1;
+    for (const Words& c :
+         {Words{6, 10, 40}, {6, 0, 128}, {5, 17, 40}, {6, 18, 128}, {7, 10, 128}}) {
+        set_version({c[0], 2, 0, 8, c[1]});
+        ASSERT_EQ(0u, s_->VELK_set_stream_info(0, &in_));
+        EXPECT_EQ(c[2], node_->stream_info.info.stream_info_size) << c[0] << "/" << c[1];
+    }
+    const uint32_t* mirror = &s_->legacy_header.stream_param_a;
+    EXPECT_EQ(0u, mirror[0]);
+    b_->sfs_legacy_header_ex.length = 0;
+    __VELK_user_info user = {{w(L"user text")}};
+    __VELK_user_info got = {};
+    ASSERT_FALSE(s_->VELK_set_user_info(0, &user) || s_->VELK_set_stream_info(0, &in_));
+    EXPECT_EQ((std::vector<uint32_t>{11, 13, 14, 15, 16, 17}),
+              std::vector<uint32_t>(mirror, mirror + 6));
+    uint32_t lbr = 7;
+    expect_refused({{s_->VELK_get_stream_info(0, 64, &out_, nullptr), 81,
+                     "VELK_set_stream_info>this stream section does not exist or read was not "
+                     "first called!\n"}});
+    EXPECT_EQ(VELK_E_ALREADY_IN_USE, s_->VELK_get_lbr_info(0, &lbr));
+    to_reading();
+    // The record read back in the public size, its texts as ids.
+    EXPECT_EQ((Words{0, 64}), (Words{s_->VELK_get_stream_info(0, 0, nullptr, &n_), n_}));
+    expect_refused({{s_->VELK_get_stream_info(0, 63, &out_, &n_), 103,
+                     "VELK_get_stream_info>buffer allocated by caller is not big enough!\n"}});
+    EXPECT_EQ((Words{0, 64}), (Words{s_->VELK_get_stream_info(0, 64, &out_, &n_), n_}));
+    EXPECT_EQ(words(__VELK_stream_info{64, 11, 1, 13, 14, 15, 16, 17, {}, {}, {}, 0x123456789ULL}),
+              words(out_));
+    EXPECT_EQ(L"cmd --x|#|comment|", text(out_.command_line) + text(out_.cpu) + text(out_.comment));
+    EXPECT_EQ((Words{0, 8, 0}), (Words{s_->VELK_get_user_info(0, 0, nullptr, &n_), n_,
+                                       s_->VELK_get_user_info(0, 8, &got, &n_)}));
+    expect_refused({{s_->VELK_get_user_info(0, 7, &got, &n_), 103,
+                     "VELK_get_user_info>buffer allocated by caller is not big enough!\n"}});
+    EXPECT_EQ(L"user text|", text(got.user_info));
+
+    // The setters have no state test. The filter's names are appended to the caller's text, as many
+    // as fit whole in the size.
+    EXPECT_EQ((Words{0, 0, 0, 0x77}),
+              (Words{s_->VELK_set_lbr_info(0, 0x77), s_->VELK_set_uncore_info(0, 3, 4),
+                     s_->VELK_get_lbr_info(0, &lbr), lbr}));
+    // Rows: the filter and the size.
+    std::string texts;
+    for (const Words& c :
+         {Words{0x105, 24}, {0x105, 13}, {0x105, 12}, {0x105, 8}, {0, 100}, {0x1FA, 100}}) {
+        char buffer[256] = "keep:";
+        ASSERT_FALSE(s_->VELK_set_lbr_filter_info(0, (unsigned)c[0]) ||
+                     s_->VELK_get_lbr_filter_info(0, (unsigned)c[1], buffer));
+        texts += std::string(buffer) + "|";
+    }
+    EXPECT_EQ(
+        "keep:CPL_EQ_0 JCC FAR_BRANCH |keep:CPL_EQ_0 JCC |keep:CPL_EQ_0 |keep:|keep:|"
+        "keep:CPL_NEQ_0 NEAR_REL_CALL NEAR_IND_CALL NEAR_RET NEAR_IND_JMP NEAR_REL_JMP "
+        "FAR_BRANCH |",
+        texts);
+    // Uncore values come back from version 7 files of 2.0.8 on: file version, major, minor, patch
+    // word, whether they come back.
+    const Words gates[] = {
+        {7, 2, 0, 7, 0}, {7, 2, 0, 8, 1},       {7, 2, 1, 0, 1}, {7, 3, 0, 0, 1},
+        {7, 1, 9, 9, 0}, {7, 2, 0, 0x10007, 0}, {6, 2, 0, 8, 0},
+    };
+    for (const Words& g : gates) {
+        set_version({g[0], g[1], g[2], g[3], 27});
+        unsigned short first = 9;
+        unsigned short second = 9;
+        EXPECT_EQ((g[4] ? Words{0, 3, 4} : Words{0, 9, 9}),
+                  (Words{s_->VELK_get_uncore_info(0, &first, &second), first, second}))
+            << g[0] << "/" << g[3];
+    }
+    // The short form has none of these values: the caller's variables stay.
+    set_version({6, 2, 0, 8, 17});
+    lbr = 0x55;
+    n_ = 99;
+    EXPECT_EQ((Words{0, 0, 0, 0x55}), (Words{s_->VELK_get_user_info(0, 0, nullptr, &n_),
+                                             s_->VELK_get_lbr_info(0, &lbr), n_, lbr}));
+}
+
+TEST_F(ConfigurationTest, StreamInfoIsWrittenAndReadFromItsSectionOrTheLegacyHeaderEx)
+{
+    ASSERT_FALSE(s_->VELK_writing_stream(0) || s_->VELK_writing_stream_section(0, kInfo) ||
+                 s_->VELK_set_stream_info(0, &in_) || s_->VELK_set_lbr_info(0, 0xABCD) ||
+                 s_->VELK_set_uncore_info(0, 0x1234, 0x5678));
+    node_ = s_->stream_list;
+    const velk_stream_info_record memory = node_->stream_info;
+    const size_t at = VELK_OSI_Get_File_Size(s_->file_handle);
+    const size_t slot = node_->stream_table_offset;
+    ASSERT_EQ(0u, s_->write_to_file_velk_stream_info(0));
+    // The slot, then the record, its marker, and padding to a multiple of 8 plus 16.
+    const Bytes f = read_file(path("f.vk7"));
+    const Slot s = find_slot(f, slot, 1, KIND_STREAM_INFO);
+    EXPECT_EQ((Words{slot, 128, at, 1, 128, 0xFFFFFFFF, at + 128 + 21 + 24 - ((at + 149) & 7)}),
+              (Words{s.at, s.length, s.file_offset, s.number_entries, s.entry_length,
+                     u32_at(f, slot + 36), f.size()}));
+    EXPECT_EQ(bytes_of(memory), slice(f, at, 128));
+    expect_ending(f, at + 128, "end velk stream info");
+    // From here on the record is read from the file, at each call.
+    node_->stream_info_set = 0;
+    memset(&node_->stream_info, 0, sizeof(node_->stream_info));
+    to_reading();
+    ASSERT_EQ(0u, s_->VELK_get_stream_info(0, 64, &out_, nullptr));
+    EXPECT_TRUE(memcmp(&node_->stream_info, &memory, 128) == 0 && node_->stream_info_set == 0);
+    // Older files take 64 bytes, unless the revision is 0 or 18 and up: slot, revision, length.
+    for (const Words& r : {Words{1, 10, 64}, {2, 0, 128}, {3, 18, 128}, {4, 17, 64}}) {
+        set_version({6, 2, 0, 8, r[1]});
+        ASSERT_EQ(0u, s_->write_to_file_velk_stream_info(0));
+        EXPECT_EQ(r[2], u64_at(read_file(path("f.vk7")), slot + 40 * r[0])) << r[1];
+    }
+    // The short form needs the 64 bytes just written only, and keeps the stored size; the long one
+    // refuses them, and unmaps.
+    EXPECT_EQ((Words{0, 128}),
+              (Words{s_->VELK_get_stream_info(0, 64, &out_, nullptr), out_.stream_info_size}));
+    const unsigned int mmaps = __VELK_mmap_tracker::m_num_mmaps;
+    set_version({7, 2, 0, 8, 27});
+    expect_refused({{s_->VELK_get_stream_info(0, 64, &out_, nullptr), 24,
+                     "VELK_get_stream_info>velk_stream_info section of %u bytes is "
+                     "shorter than the %u bytes of its record!\n"}});
+    EXPECT_EQ(mmaps, __VELK_mmap_tracker::m_num_mmaps);
+    node_->stream_info_section.length = 0;
+    expect_refused({{s_->VELK_get_stream_info(0, 64, &out_, nullptr), 78,
+                     "VELK_get_stream_info>velk_stream_info section not found!\n"}});
+
+    // Stream 0 of a legacy file; new strings lie past the header ex, as after a new stream.
+    Image ex;
+    for (const Words& p :
+         {Words{364, 0xA1}, {260, 0xB2}, {368, 0xC3}, {372, 0xD4}, {376, 0xE5}, {380, 0xF6}})
+        ex.put32(p[0], (uint32_t)p[1]);
+    ex.b.resize(460);
+    append(&b_->sfs_legacy_header_ex, ex.b);
+    b_->sfs_legacy_header_ex.length = 383;
+    s_->string_base = VELK_OSI_Get_File_Size(s_->file_handle);
+    expect_refused({{s_->VELK_get_stream_info(0, 64, &out_, nullptr), 24,
+                     "VELK_get_stream_info>legacy header ex of %u bytes is too short to hold the "
+                     "stream parameters!\n"}});
+    b_->sfs_legacy_header_ex.length = 460;
+    ASSERT_EQ(0u, s_->VELK_get_stream_info(0, 64, &out_, nullptr));
+    EXPECT_EQ(words(__VELK_stream_info{64, 0xA1, 1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, {}, {}, {}, 0}),
+              words(out_));
+    EXPECT_EQ(
+        L"command line unknown|cpu unknown|Stream info for stream 0 derived from legacy sample "
+        L"file header ex|",
+        text(out_.command_line) + text(out_.cpu) + text(out_.comment));
 }
 
 }  // namespace
