@@ -71,22 +71,40 @@ TEST_F(ContainerTest, NewFileClosedAtOnceIsItsBeginningHeaderExAndReport)
         "RELY ON THE INFORMATION FOUND IN THIS SECTION! CUSTOMERS SHOULD USE THE DOVREPORT TOOL "
         "OR VELK APIS TO GET THE EQUIVALENT INFORMATION! PLEASE ASK A MEMBER OF THE PIT "
         "(PROFILING INFRASTRUCTURE TEAM) TO PROVIDE DOCUMENTATION REGARDING PROPER USAGE! ***";
-    const char* const rows[] = {
-        "legacy sample record at 0x0; ", "legacy module record at 0x0; ",
-        "legacy pid record at 0x0 ", "legacy header at 0x0; ", "legacy tid record at 0x0; ",
-        "legacy rawpid record at 0x0; ", "legacy rawtid record at 0x0; ",
-        "legacy hardware conf at 0x0; ", "legacy software conf at 0x0; ",
-        "legacy symbols at 0x0; ", "legacy header ex at 0x578; ",
-        "legacy user def thread name at 0x0; ", "legacy sample record hdr at 0x0; ",
-        "legacy sample record la at 0x0; ", "legacy raw modules at 0x0; ",
-        "legacy calibration results at 0x0; ", "legacy processor info at 0x0; ",
-        "legacy ruma_sysinfo at 0x0; ", "legacy logically deleted at 0x0; ",
-        "legacy events at 0x0; ", "velk user def global at 0x0; ", "velk system at 0x0; ",
-        "velk host at 0x0; ", "velk os at 0x0; ", "velk application at 0x0; ",
-        "velk pid at 0x0; ", "velk tid at 0x0; ", "velk module at 0x0; ",
-        "velk version info at 0x0; ", "velk code info at 0x530; ",
-        "special global offset at 0x330; ", "special global descriptor offset at 0x0; ",
-        "special stream offset at 0x0; ", "========"};
+    const char* const rows[] = {"legacy sample record at 0x0; ",
+                                "legacy module record at 0x0; ",
+                                "legacy pid record at 0x0 ",
+                                "legacy header at 0x0; ",
+                                "legacy tid record at 0x0; ",
+                                "legacy rawpid record at 0x0; ",
+                                "legacy rawtid record at 0x0; ",
+                                "legacy hardware conf at 0x0; ",
+                                "legacy software conf at 0x0; ",
+                                "legacy symbols at 0x0; ",
+                                "legacy header ex at 0x578; ",
+                                "legacy user def thread name at 0x0; ",
+                                "legacy sample record hdr at 0x0; ",
+                                "legacy sample record la at 0x0; ",
+                                "legacy raw modules at 0x0; ",
+                                "legacy calibration results at 0x0; ",
+                                "legacy processor info at 0x0; ",
+                                "legacy ruma_sysinfo at 0x0; ",
+                                "legacy logically deleted at 0x0; ",
+                                "legacy events at 0x0; ",
+                                "velk user def global at 0x0; ",
+                                "velk system at 0x0; ",
+                                "velk host at 0x0; ",
+                                "velk os at 0x0; ",
+                                "velk application at 0x0; ",
+                                "velk pid at 0x0; ",
+                                "velk tid at 0x0; ",
+                                "velk module at 0x0; ",
+                                "velk version info at 0x0; ",
+                                "velk code info at 0x530; ",
+                                "special global offset at 0x330; ",
+                                "special global descriptor offset at 0x0; ",
+                                "special stream offset at 0x0; ",
+                                "========"};
     for (const char* row : rows)
         report += row;
     ASSERT_GE(f.size(), 1904 + report.size() + 1 + 17);
@@ -105,8 +123,8 @@ TEST_F(ContainerTest, NewFileClosedAtOnceIsItsBeginningHeaderExAndReport)
 
 TEST_F(ContainerTest, DescriptorFormsConvertFieldByField)
 {
-    __VELK_sample_file_section_vk6 sfs = {0x1122334455ULL, 0x66778899AAULL, 0x1000000007ULL,
-                                          0x12345, 34, 3, 9};
+    __VELK_sample_file_section_vk6 sfs = {
+        0x1122334455ULL, 0x66778899AAULL, 0x1000000007ULL, 0x12345, 34, 3, 9};
     SampleFileSections_s v5_table;
     velk_class::helper_copy_sfs(&v5_table, &sfs, 1);
     const SampleFileSections_s narrowed = {0x22334455u, 0x778899AAu, 7, 0x2345, 34, 3};
@@ -174,7 +192,8 @@ TEST_F(ContainerTest, SlotWritersPlaceEachFormAndCountTheirSlots)
     s.file_handle = fd;
     LogCapture log;
     EXPECT_EQ(VELK_E_NULL_POINTER, s.utility_write_final_file("Z", 1, VELK_OSI_SEEK_BEGIN, -5));
-    EXPECT_TRUE(log.contains_format("Operation failed with error code = -1 (src/velk_class, %d)\n"));
+    EXPECT_TRUE(
+        log.contains_format("Operation failed with error code = -1 (src/velk_class, %d)\n"));
     ASSERT_EQ(0u, s.VELK_closedown());
 
     const std::vector<unsigned char> f = read_file(path("slots.vk7"));

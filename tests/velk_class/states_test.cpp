@@ -22,13 +22,13 @@ protected:
     }
     unsigned call(int op, unsigned id)  // 0 reading, 1 writing, 2 done
     {
-        return op == 0 ? s_.VELK_reading_section(id)
+        return op == 0   ? s_.VELK_reading_section(id)
                : op == 1 ? s_.VELK_writing_section(id)
                          : s_.VELK_done_section(id);
     }
     unsigned call_stream(int op, unsigned id)
     {
-        return op == 0 ? s_.VELK_reading_stream_section(0, id)
+        return op == 0   ? s_.VELK_reading_stream_section(0, id)
                : op == 1 ? s_.VELK_writing_stream_section(0, id)
                          : s_.VELK_done_stream_section(0, id);
     }
@@ -52,7 +52,8 @@ TEST_F(StatesTest, GlobalSectionTransitions)
                 const bool special = id == 7 && from == 0;
                 EXPECT_EQ(special ? status7[op] : status[from][op], call(op, id))
                     << id << " " << from << " " << op;
-                EXPECT_EQ(special ? after7[op] : after[from][op], s_.sections_ptr->section_state[id])
+                EXPECT_EQ(special ? after7[op] : after[from][op],
+                          s_.sections_ptr->section_state[id])
                     << id << " " << from << " " << op;
             }
     LogCapture log(0x80000000u);
@@ -116,7 +117,8 @@ TEST_F(StatesTest, StreamSectionTransitions)
                 // Stream 0's description may be read while absent.
                 const bool special = id == 1 && from == 0 && op == 0;
                 EXPECT_EQ(special ? 0u : status[from][op], call_stream(op, id)) << id << from << op;
-                EXPECT_EQ(special ? 2u : after[from][op], node->stream_section_state[id]) << id << from << op;
+                EXPECT_EQ(special ? 2u : after[from][op], node->stream_section_state[id])
+                    << id << from << op;
             }
     LogCapture log;
     node->stream_state = 1;
@@ -163,7 +165,8 @@ TEST_F(StatesTest, StreamsAreMadeInOrderAndMustBeDescribed)
     EXPECT_EQ(1u, exists);
     EXPECT_EQ(0u, s_.VELK_exists_global_section(24, &exists));
     EXPECT_EQ(0u, exists);
-    EXPECT_TRUE(log.contains_format("<velk %u::VELK_exists_global_section>unrecognized section 24\n"));
+    EXPECT_TRUE(
+        log.contains_format("<velk %u::VELK_exists_global_section>unrecognized section 24\n"));
     s_.stream_list->stream_section_state[2] = 1;
     EXPECT_EQ(0u, s_.VELK_exists_stream_section(0, 38, &exists));
     EXPECT_EQ(1u, exists);

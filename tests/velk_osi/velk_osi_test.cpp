@@ -12,9 +12,14 @@ namespace {
 
 using VelkOsi = velk_test::TempDirTest;
 
-std::string slurp(const std::string& p) { auto b = velk_test::read_file(p); return {b.begin(), b.end()}; }
+std::string slurp(const std::string& p)
+{
+    auto b = velk_test::read_file(p);
+    return {b.begin(), b.end()};
+}
 
-TEST_F(VelkOsi, OpenModesWriteReadAndSeek) {
+TEST_F(VelkOsi, OpenModesWriteReadAndSeek)
+{
     const std::string f = path("f"), data = "abcdefghijklmnopqrstuvwxyz";
     velk_test::write_file(f, std::vector<unsigned char>(9, 'o'));
     long long h = VELK_OSI_Open_File(f.c_str(), VELK_OSI_MODE_CREATE | VELK_OSI_MODE_READ);
@@ -35,14 +40,21 @@ TEST_F(VelkOsi, OpenModesWriteReadAndSeek) {
     EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), VELK_E_NULL_POINTER);
     velk_test::write_file(f, {'x', 'y', 'z'});
     // Per mode: status of writing '0' + mode at the start, then status and byte of one read.
-    const struct { unsigned mode, write, read; char byte; const char* after; } modes[] = {
-        {VELK_OSI_MODE_READ, 194, 0, 'x', "xyz"}, {0, 194, 0, 'x', "xyz"},
-        {VELK_OSI_MODE_WRITE, 0, 22, 0, "2yz"}, {VELK_OSI_MODE_READ | VELK_OSI_MODE_WRITE, 0, 0, 'y', "3yz"}};
+    const struct {
+        unsigned mode, write, read;
+        char byte;
+        const char* after;
+    } modes[] = {{VELK_OSI_MODE_READ, 194, 0, 'x', "xyz"},
+                 {0, 194, 0, 'x', "xyz"},
+                 {VELK_OSI_MODE_WRITE, 0, 22, 0, "2yz"},
+                 {VELK_OSI_MODE_READ | VELK_OSI_MODE_WRITE, 0, 0, 'y', "3yz"}};
     for (const auto& m : modes) {
         h = VELK_OSI_Open_File(f.c_str(), m.mode);
-        EXPECT_EQ(VELK_OSI_Write(h, &(c = static_cast<char>('0' + m.mode)), 1, &n), m.write) << m.mode;
+        EXPECT_EQ(VELK_OSI_Write(h, &(c = static_cast<char>('0' + m.mode)), 1, &n), m.write)
+            << m.mode;
         EXPECT_EQ(VELK_OSI_Read(h, &(c = 0), 1, &(n = 9)), m.read) << m.mode;
-        EXPECT_EQ(std::string(1, c) + std::to_string(n), std::string(1, m.byte) + (m.read ? "0" : "1"));
+        EXPECT_EQ(std::string(1, c) + std::to_string(n),
+                  std::string(1, m.byte) + (m.read ? "0" : "1"));
         EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
         EXPECT_EQ(slurp(f), m.after);
     }
@@ -52,7 +64,8 @@ TEST_F(VelkOsi, OpenModesWriteReadAndSeek) {
     EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
 }
 
-TEST_F(VelkOsi, MapViewsAndMapHandles) {
+TEST_F(VelkOsi, MapViewsAndMapHandles)
+{
     const long long page = VELK_OSI_Get_Allocation_Granualarity();
     ASSERT_EQ(page, sysconf(_SC_PAGESIZE));
     std::string bytes = std::string(page, 'A') + std::string(page, 'B');
@@ -72,10 +85,12 @@ TEST_F(VelkOsi, MapViewsAndMapHandles) {
     EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
 }
 
-TEST_F(VelkOsi, TextEnvironmentAndDelete) {
+TEST_F(VelkOsi, TextEnvironmentAndDelete)
+{
     char text[32] = "#";
-    for (auto call : {+[](char* d, unsigned s, unsigned* n) { return VELK_OSI_i64toa(d, s, 5, n); },
-                      +[](char* d, unsigned s, unsigned* n) { return VELK_OSI_ui64tow(d, s, 5, n); }}) {
+    for (auto call :
+         {+[](char*d, unsigned s, unsigned*n) { return VELK_OSI_i64toa(d, s, 5, n); },
+          +[](char*d, unsigned s, unsigned*n) { return VELK_OSI_ui64tow(d, s, 5, n); }}) {
         unsigned needed = 0;
         EXPECT_EQ(call(nullptr, 0, &needed), 0u);
         EXPECT_EQ(needed, 21u);
