@@ -63,8 +63,8 @@ TEST_F(SessionTest, RefusalsLogTheirLines)
     EXPECT_EQ(VELK_E_OPEN_FAILED, VELK_open(&h, widen(path("missing")).c_str(), VELK_OPEN_READ));
     ASSERT_EQ(2u, warnings.count_prefix("<velk "));
     EXPECT_TRUE(
-        warnings.contains_format("<velk %u::do_init>VELK_OSI_Open_File failed, we assume "
-                                 "file does not exist, so create a new file\n"));
+        warnings.contains_format("<velk %u::do_init>VELK_OSI_Open_File failed, we assume file "
+                                 "does not exist, so create a new file\n"));
     EXPECT_TRUE(warnings.contains_format(
         "<velk %u::do_init>VELK_OSI_Open_File failed the second time, this is a real error!\n"));
     // The retry is a warning.

@@ -71,39 +71,48 @@ TEST_F(EntryTest, HandleChecksPlatformTypeVersionAndTexts)
     EXPECT_EQ(0u, VELK_close(h));
 }
 
-TEST_F(EntryTest, AbortAndAFailedCloseKeepTheHandle)
+TEST_F(EntryTest, AbortAndAFailedCloseRemoveEveryStoreAndKeepTheHandle)
 {
     // One session at a time: sessions made in the same second share their
-    // stores' paths. Abort: stores gone, the file as it stood, the handle
-    // live and kept.
-    velk_handle* h = nullptr;
-    const unsigned mode = VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE;
-    ASSERT_EQ(0u, VELK_open(&h, widen(path("abort.vk7")).c_str(), mode));
-    unsigned long long id = 0;
-    ASSERT_EQ(0u, h->file_object->utility_add_string_to_temp_file("lost", &id));
-    EXPECT_EQ(2u, list_dir(dir_).size());
-    EXPECT_EQ(0u, VELK_abort_cleanup_and_close(h));
-    EXPECT_EQ(std::vector<std::string>{"abort.vk7"}, list_dir(dir_));
-    EXPECT_EQ(1400u, read_file(path("abort.vk7")).size());
-    unsigned version = 0;
-    EXPECT_EQ(0u, VELK_get_vk_file_version(h, &version));
-    free_kept(h);
-
-    // A close with a section left open assembles the file, then reports.
-    ASSERT_EQ(0u, VELK_open(&h, widen(path("open.vk7")).c_str(), mode));
-    ASSERT_EQ(0u, h->file_object->utility_add_string_to_temp_file("kept", &id));
-    h->file_object->sections_ptr->section_state[VELK_SECTION_THREAD] = VELK_STATE_WRITING;
-    LogCapture log;
-    EXPECT_EQ(VELK_E_SECTION_OPEN, VELK_close(h));
-    EXPECT_TRUE(log.contains_format(
-        "<velk %u::VELK_check_all_sections_closed>section 6 needs to be closed!\n"));
-    EXPECT_TRUE(log.contains_format(
-        "Operation failed with error code  (src/velk_entry, %d) value: 0x7e\n"));
-    EXPECT_EQ(bytes_of("kept"), slice(read_file(path("open.vk7")), 1400, 5));
-    EXPECT_EQ((std::vector<std::string>{"abort.vk7", "open.vk7"}), list_dir(dir_));
-    EXPECT_EQ(0xDEFDEFDEu, h->head_tag);
-    // A second close runs the same steps on a file already closed.
-    h->file_object->sections_ptr->section_state[VELK_SECTION_THREAD] = VELK_STATE_EXISTS;
-    EXPECT_EQ(VELK_E_NULL_POINTER, VELK_close(h));
-    free_kept(h);
+    // stores' paths.
+    std::vector<std::string> files;
+    for (const std::string name : {"abort.vk7", "open.vk7"}) {
+        velk_handle* h = nullptr;
+        ASSERT_EQ(0u, VELK_open(&h, widen(path(name)).c_str(),
+                                VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
+        velk_class* s = h->file_object;
+        unsigned long long id = 0;
+        ASSERT_EQ(0u, s->utility_add_string_to_temp_file("kept until close", &id));
+        ASSERT_EQ(0u, s->sections_ptr->new_pid_store->Open_Temp_File(s->temp_path, -1));
+        ASSERT_EQ(0u, s->sections_ptr->legacy_tid_store->Open_Temp_File(s->final_file_name, -1));
+        files.push_back(name);
+        ASSERT_EQ(files.size() + 3, list_dir(dir_).size());
+        const std::vector<unsigned char> before = read_file(path(name));
+        LogCapture log;
+        if (name == "abort.vk7") {
+            // Abort: the file as it stood, the handle live and kept.
+            EXPECT_EQ(0u, VELK_abort_cleanup_and_close(h));
+            EXPECT_EQ(before, read_file(path(name)));
+            EXPECT_EQ(1400u, before.size());
+            unsigned version = 0;
+            EXPECT_EQ(0u, VELK_get_vk_file_version(h, &version));
+        } else {
+            // A close with a section left open assembles the file, then
+            // reports; a second close runs the same steps on a file already
+            // closed.
+            s->sections_ptr->section_state[VELK_SECTION_THREAD] = VELK_STATE_WRITING;
+            EXPECT_EQ(VELK_E_SECTION_OPEN, VELK_close(h));
+            EXPECT_TRUE(log.contains_format(
+                "<velk %u::VELK_check_all_sections_closed>section 6 needs to be closed!\n"));
+            EXPECT_TRUE(log.contains_format(
+                "Operation failed with error code  (src/velk_entry, %d) value: 0x7e\n"));
+            EXPECT_EQ(bytes_of("kept until close\0end string section"),
+                      slice(read_file(path(name)), 1400, 36));
+            EXPECT_EQ(0xDEFDEFDEu, h->head_tag);
+            s->sections_ptr->section_state[VELK_SECTION_THREAD] = VELK_STATE_EXISTS;
+            EXPECT_EQ(VELK_E_NULL_POINTER, VELK_close(h));
+        }
+        EXPECT_EQ(files, list_dir(dir_));
+        free_kept(h);
+    }
 }
