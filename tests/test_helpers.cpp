@@ -249,17 +249,12 @@ void Image::slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uin
                  uint32_t entry_length, uint32_t kind)
 {
     __VELK_sample_file_section_vk6 sfs = {length, offset, entries, entry_length, kind, 0, 0};
-    if (form == 40) {
-        put(at, &sfs, 40);
-    } else if (form == 32) {
-        __VELK_sample_file_section d;
-        velk_class::helper_copy_sfs_velk(&d, &sfs, 1);
-        put(at, &d, 32);
-    } else {
-        SampleFileSections_s d;
-        velk_class::helper_copy_sfs(&d, &sfs, 1);
-        put(at, &d, 20);
-    }
+    __VELK_sample_file_section v5_slot;
+    SampleFileSections_s v5_table;
+    velk_class::helper_copy_sfs_velk(&v5_slot, &sfs, 1);
+    velk_class::helper_copy_sfs(&v5_table, &sfs, 1);
+    // The form is the descriptor's size.
+    put(at, form == 40 ? (const void*)&sfs : form == 32 ? (const void*)&v5_slot : &v5_table, form);
 }
 
 }  // namespace velk_test

@@ -77,26 +77,26 @@ unsigned walk_data(void* data, unsigned long long bytes, unsigned, void* c, unsi
     return 1;
 }
 
-// Walks a record section from its first record, if it can be read.
-template <typename Record>
-void walk_section(Checker& k, VELK_SECTION_IDENTIFIER id,
-                  unsigned (*enumerate)(velk_handle*,
-                                        unsigned (**)(Record*, unsigned, unsigned, void*), void*,
-                                        unsigned long long))
+// Runs `read` in a global section (stream ~0u) or a stream's section, if the
+// section can be entered.
+template <typename Read>
+void inside(Checker& k, unsigned stream, unsigned id, Read read)
 {
-    unsigned (*callback)(Record*, unsigned, unsigned, void*) = walk_records<Record>;
-    if (k(VELK_reading_section(k.h, id)) != 0)
+    const auto global = (VELK_SECTION_IDENTIFIER)id;
+    const auto local = (VELK_STREAM_SECTION_IDENTIFIER)id;
+    if (k(stream == ~0u ? VELK_reading_section(k.h, global)
+                        : VELK_reading_stream_section(k.h, stream, local)) != 0)
         return;
-    k(enumerate(k.h, &callback, &k, 0));
-    k(VELK_done_section(k.h, id));
+    read();
+    k(stream == ~0u ? VELK_done_section(k.h, global)
+                    : VELK_done_stream_section(k.h, stream, local));
 }
 
-void read_stream(Checker& k, unsigned n)
+void read_stream(Checker& k, velk_handle* h, unsigned n)
 {
-    velk_handle* h = k.h;
     if (k(VELK_reading_stream(h, n)) != 0)
         return;
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO)) == 0) {
+    inside(k, n, VELK_STREAM_SECTION_STREAM_INFO, [&] {
         __VELK_stream_info info;
         if (k(VELK_get_stream_info(h, n, sizeof(info), &info, nullptr)) == 0)
             k.text(info.comment.id);
@@ -109,17 +109,15 @@ void read_stream(Checker& k, unsigned n)
         k(VELK_get_lbr_filter_info(h, n, sizeof(filter), filter));
         unsigned short first = 0, second = 0;
         k(VELK_get_uncore_info(h, n, &first, &second));
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO));
-    }
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED)) == 0) {
+    });
+    inside(k, n, VELK_STREAM_SECTION_USER_DEFINED, [&] {
         unsigned size = 0;
         if (k(VELK_get_user_defined_stream(h, n, 0, nullptr, &size)) == 0 && size != 0) {
             std::vector<unsigned char> block(size);
             k(VELK_get_user_defined_stream(h, n, size, block.data(), &size));
         }
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED));
-    }
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION)) == 0) {
+    });
+    inside(k, n, VELK_STREAM_SECTION_DATA_DESCRIPTION, [&] {
         VELK_DESCRIPTOR_CALLBACK cb = walk_descriptors;
         k(VELK_enumerate_data_descriptor_entries(h, n, &cb, &k));
         k(VELK_enumerate_data_descriptors(h, n, &cb, &k));
@@ -130,15 +128,11 @@ void read_stream(Checker& k, unsigned n)
                 free(table[g].entries);
             free(table);
         }
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION));
-    }
+    });
     unsigned size = 0;
     k(VELK_get_size_of_each_data_entry(h, n, &size));
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA)) == 0) {
-        VELK_DATA_CALLBACK cb = walk_data;
-        k(VELK_enumerate_data(h, n, &cb, &k, 0));
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA));
-    }
+    VELK_DATA_CALLBACK data = walk_data;
+    inside(k, n, VELK_STREAM_SECTION_DATA, [&] { k(VELK_enumerate_data(h, n, &data, &k, 0)); });
     k(VELK_done_stream(h, n));
 }
 
@@ -147,13 +141,16 @@ void read_stream(Checker& k, unsigned n)
 Checker read_everything(const std::string& file)
 {
     Checker k;
+    VELK_PROCESS_CALLBACK pids = walk_records<__VELK_pid>;
+    VELK_THREAD_CALLBACK tids = walk_records<__VELK_tid>;
+    VELK_MODULE_CALLBACK modules = walk_records<__VELK_module>;
     for (unsigned mode : {VELK_OPEN_READ, VELK_OPEN_READ | VELK_OPEN_WRITE}) {
         if (k(VELK_open(&k.h, widen(file).c_str(), mode)) != 0)
             return k;
         velk_handle* h = k.h;
         unsigned bound = 0;
         k(VELK_is_legacy_bound(h, &bound));
-        if (k(VELK_reading_section(h, VELK_SECTION_CONFIGURATION)) == 0) {
+        inside(k, ~0u, VELK_SECTION_CONFIGURATION, [&] {
             __VELK_host host;
             if (k(VELK_get_host(h, sizeof(host), &host, nullptr)) == 0)
                 k.text(host.host_text_1.id);
@@ -161,21 +158,19 @@ Checker read_everything(const std::string& file)
             k(VELK_get_os(h, sizeof(os), os, nullptr));
             __VELK_application app;
             k(VELK_get_application(h, sizeof(app), &app, nullptr));
-            k(VELK_done_section(h, VELK_SECTION_CONFIGURATION));
-        }
-        if (k(VELK_reading_section(h, VELK_SECTION_USER_DEFINED)) == 0) {
+        });
+        inside(k, ~0u, VELK_SECTION_USER_DEFINED, [&] {
             unsigned char block[64];
             k(VELK_get_user_defined_global(h, sizeof(block), block, nullptr));
-            k(VELK_done_section(h, VELK_SECTION_USER_DEFINED));
-        }
+        });
         VELK_get_module_record_size(h);  // a size, not a status
-        walk_section(k, VELK_SECTION_PROCESS, VELK_enumerate_processes);
-        walk_section(k, VELK_SECTION_THREAD, VELK_enumerate_threads);
-        walk_section(k, VELK_SECTION_MODULE, VELK_enumerate_modules);
+        inside(k, ~0u, VELK_SECTION_PROCESS, [&] { k(VELK_enumerate_processes(h, &pids, &k, 0)); });
+        inside(k, ~0u, VELK_SECTION_THREAD, [&] { k(VELK_enumerate_threads(h, &tids, &k, 0)); });
+        inside(k, ~0u, VELK_SECTION_MODULE, [&] { k(VELK_enumerate_modules(h, &modules, &k, 0)); });
         unsigned streams = 0;
         k(VELK_get_number_data_streams(h, &streams));
         for (unsigned n = 0; n < streams && n < 4; ++n)
-            read_stream(k, n);
+            read_stream(k, h, n);
         // A close that fails leaves the handle live: the abort cleans up,
         // and what the handle keeps is then the caller's to free.
         if (k(VELK_close(h)) != 0) {
