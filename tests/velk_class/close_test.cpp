@@ -8,7 +8,7 @@
 
 using namespace velk_test;
 using U = std::vector<unsigned long long>;  // a braced list runs left to right
-using Texts = std::vector<std::string>;
+using Texts = std::vector<std::wstring>;
 using CloseTest = TempDirTest;
 
 const unsigned kCreate = VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE;
@@ -51,12 +51,17 @@ TEST_F(CloseTest, WhatIsSetIsWhatTheNextSessionReads)
     // stamp changes.
     for (unsigned mode : {VELK_OPEN_READ, VELK_OPEN_READ | VELK_OPEN_WRITE}) {
         ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), mode));
-        __VELK_host host_back;
-        __VELK_os os_back[2];
-        __VELK_application app_back;
-        __VELK_version_info version_back;
-        __VELK_stream_info info_back;
+        __VELK_host host_back = {};
+        __VELK_os os_back[2] = {};
+        __VELK_application app_back = {};
+        __VELK_version_info version_back = {};
+        __VELK_stream_info info_back = {};
         unsigned size = 0, os_size = 0;
+        auto text = [h](__string_or_id id) {
+            wchar_t buffer[32] = {};
+            VELK_convert_uniqueid_to_string(h, sizeof(buffer), &id, buffer, nullptr);
+            return std::wstring(buffer);
+        };
         // The application's getter leaves the version section in use: done
         // ends that use before the section is read.
         EXPECT_EQ(
@@ -80,9 +85,9 @@ TEST_F(CloseTest, WhatIsSetIsWhatTheNextSessionReads)
         EXPECT_EQ((U{5, 11, 0, 64, 6, 99}), (U{host_back.host_flags, os_back[1].os_word_4,
                                                os_back[0].os_text_2.id, info_back.stream_info_size,
                                                info_back.stream_param_f, info_back.stream_value}));
-        EXPECT_EQ((Texts{"h\xf6st", "second", "os2", "a comment"}),
-                  (Texts{text_of(h, host_back.host_text_1.id), text_of(h, host_back.host_text_2.id),
-                         text_of(h, os_back[1].os_text_2.id), text_of(h, info_back.comment.id)}));
+        EXPECT_EQ((Texts{L"h\u00f6st", L"second", L"os2", L"a comment"}),
+                  (Texts{text(host_back.host_text_1), text(host_back.host_text_2),
+                         text(os_back[1].os_text_2), text(info_back.comment)}));
         EXPECT_EQ(bytes_of(app), bytes_of(app_back));
         EXPECT_EQ(bytes_of(version), bytes_of(version_back));
         EXPECT_EQ(0u, VELK_close(h));

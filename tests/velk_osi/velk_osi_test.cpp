@@ -36,7 +36,7 @@ TEST_F(VelkOsi, OpenModesWriteReadAndSeek)
                   VELK_OSI_Set_File_Pointer(h, -3, VELK_OSI_SEEK_END), VELK_OSI_Read(h, got, 8, &n),
                   (long long)n, VELK_OSI_Set_File_Pointer(h, 30, 3), VELK_OSI_Close_Handle(h, 0),
                   (long long)VELK_OSI_Get_File_Size(h), VELK_OSI_Close_Handle(h, 0)}));
-    EXPECT_EQ(std::string(got), "xyz");
+    EXPECT_EQ(std::string(got, n), "xyz");
     velk_test::write_file(f, {'x', 'y', 'z'});
     // Per mode: the status of writing '0' + mode at the start, the status,
     // byte and count of one read, then the file.
