@@ -1,14 +1,13 @@
 #include "test_helpers.h"
 
-#include <ctype.h>
-#include <dirent.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "sampling_utils.h"
 #include "velk_class/velk_class.h"
@@ -16,33 +15,26 @@
 
 namespace velk_test {
 
+namespace fs = std::filesystem;
+
 std::vector<unsigned char> read_file(const std::string& path)
 {
-    std::vector<unsigned char> bytes;
-    FILE* f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return bytes;
-    unsigned char chunk[65536];
-    size_t got;
-    while ((got = fread(chunk, 1, sizeof(chunk), f)) > 0)
-        bytes.insert(bytes.end(), chunk, chunk + got);
-    fclose(f);
-    return bytes;
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<unsigned char>(std::istreambuf_iterator<char>(in), {});
 }
 
 void write_file(const std::string& path, const std::vector<unsigned char>& bytes)
 {
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    const size_t written = bytes.empty() ? 0 : fwrite(bytes.data(), 1, bytes.size(), f);
-    fclose(f);
-    ASSERT_EQ(bytes.size(), written);
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    out.close();
+    ASSERT_TRUE(out.good()) << path;
 }
 
 bool file_exists(const std::string& path)
 {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    std::error_code ec;
+    return fs::exists(path, ec);
 }
 
 std::wstring widen(const std::string& text)
@@ -58,14 +50,9 @@ std::wstring widen(const std::string& text)
 std::vector<std::string> list_dir(const std::string& dir)
 {
     std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr)
-        return names;
-    while (struct dirent* e = readdir(d)) {
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            names.push_back(e->d_name);
-    }
-    closedir(d);
+    std::error_code ec;
+    for (const fs::directory_entry& e : fs::directory_iterator(dir, ec))
+        names.push_back(e.path().filename().string());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -86,15 +73,20 @@ uint64_t u64_at(const std::vector<unsigned char>& bytes, size_t offset)
     return v;
 }
 
-LogCapture::LogCapture(unsigned int mask) { logit_set_sink(&LogCapture::sink, this, mask); }
+LogCapture::LogCapture(unsigned int mask)
+{
+    logit_set_sink(&LogCapture::sink, this, mask);
+}
 
-LogCapture::~LogCapture() { logit_set_sink(nullptr, nullptr, 0); }
+LogCapture::~LogCapture()
+{
+    logit_set_sink(nullptr, nullptr, 0);
+}
 
 void LogCapture::sink(unsigned int mask, const char* line, void* context)
 {
-    LogCapture* self = static_cast<LogCapture*>(context);
-    self->lines_.push_back(line);
-    self->masks_.push_back(mask);
+    static_cast<LogCapture*>(context)->lines_.push_back(line);
+    static_cast<LogCapture*>(context)->masks_.push_back(mask);
 }
 
 bool LogCapture::contains(const std::string& line) const
@@ -110,38 +102,30 @@ bool LogCapture::contains_part(const std::string& part) const
 
 namespace {
 
-// Matches `line` against a printf format in which %u, %d and %x (with any
-// 'l' length) stand for numbers and %s for any text.
+// Matches `l` against a printf format in which %u, %d and %x (with any 'l'
+// length) stand for numbers and %s for any text.
 bool matches_format(const char* f, const char* l)
 {
-    while (*f != '\0') {
-        if (*f != '%') {
-            if (*f++ != *l++)
-                return false;
-            continue;
-        }
+    while (*f != '%') {
+        if (*f != *l)
+            return false;
+        if (*f == '\0')
+            return true;
         ++f;
-        while (*f == 'l')
-            ++f;
-        const char conversion = *f++;
-        if (conversion == 's') {
-            for (const char* rest = l;; ++rest) {
-                if (matches_format(f, rest))
-                    return true;
-                if (*rest == '\0')
-                    return false;
-            }
-        }
-        if (conversion == 'd' && *l == '-')
-            ++l;
-        const char* digits = l;
-        while (isdigit((unsigned char)*l) ||
-               (conversion == 'x' && (isxdigit((unsigned char)*l) || *l == 'x')))
-            ++l;
-        if (l == digits)
+        ++l;
+    }
+    f += 1 + strspn(f + 1, "l");
+    const char conversion = *f++;
+    for (; conversion == 's'; ++l) {
+        if (matches_format(f, l))
+            return true;
+        if (*l == '\0')
             return false;
     }
-    return *l == '\0';
+    if (conversion == 'd' && *l == '-')
+        ++l;
+    const size_t digits = strspn(l, conversion == 'x' ? "0123456789abcdefABCDEFx" : "0123456789");
+    return digits != 0 && matches_format(f, l + digits);
 }
 
 }  // namespace
@@ -176,9 +160,8 @@ void TempDirTest::SetUp()
 
 void TempDirTest::TearDown()
 {
-    for (const std::string& name : list_dir(dir_))
-        unlink(path(name).c_str());
-    rmdir(dir_.c_str());
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
     unsetenv("DOV_TMP_DIR");
 }
 
@@ -233,10 +216,7 @@ std::vector<unsigned char> slice(const std::vector<unsigned char>& f, size_t at,
 
 std::string narrow(const wchar_t* text)
 {
-    std::string out;
-    for (; text != nullptr && *text != 0; ++text)
-        out += (char)*text;
-    return out;
+    return text == nullptr ? std::string() : std::string(text, text + wcslen(text));
 }
 
 std::string text_of(velk_handle* h, unsigned long long id)
@@ -269,17 +249,12 @@ void Image::slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uin
                  uint32_t entry_length, uint32_t kind)
 {
     __VELK_sample_file_section_vk6 sfs = {length, offset, entries, entry_length, kind, 0, 0};
-    if (form == 40) {
-        put(at, &sfs, 40);
-    } else if (form == 32) {
-        __VELK_sample_file_section d;
-        velk_class::helper_copy_sfs_velk(&d, &sfs, 1);
-        put(at, &d, 32);
-    } else {
-        SampleFileSections_s d;
-        velk_class::helper_copy_sfs(&d, &sfs, 1);
-        put(at, &d, 20);
-    }
+    __VELK_sample_file_section v5_slot;
+    SampleFileSections_s v5_table;
+    velk_class::helper_copy_sfs_velk(&v5_slot, &sfs, 1);
+    velk_class::helper_copy_sfs(&v5_table, &sfs, 1);
+    // The form is the descriptor's size.
+    put(at, form == 40 ? (const void*)&sfs : form == 32 ? (const void*)&v5_slot : &v5_table, form);
 }
 
 }  // namespace velk_test

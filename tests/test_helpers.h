@@ -1,6 +1,5 @@
-// Shared fixtures of the test suite: a fresh temporary directory per test
-// (also used as the stores' directory), capture of log lines, and small file
-// helpers.
+// Shared fixtures: a fresh temporary directory per test (also the stores'
+// directory), capture of log lines, and small file helpers.
 #ifndef VELK_TEST_HELPERS_H
 #define VELK_TEST_HELPERS_H
 
@@ -13,20 +12,20 @@
 
 namespace velk_test {
 
-// Reads a whole file; an empty vector when it can't be read.
+// A whole file; empty when it can't be read.
 std::vector<unsigned char> read_file(const std::string& path);
 void write_file(const std::string& path, const std::vector<unsigned char>& bytes);
 bool file_exists(const std::string& path);
 std::wstring widen(const std::string& text);
-// Names of the entries of a directory, sorted, without "." and "..".
+// Names in a directory, sorted, without "." and "..".
 std::vector<std::string> list_dir(const std::string& dir);
 
 // Little-endian fields of a byte buffer.
 uint32_t u32_at(const std::vector<unsigned char>& bytes, size_t offset);
 uint64_t u64_at(const std::vector<unsigned char>& bytes, size_t offset);
 
-// A 40-byte section descriptor as it lies in a table of a version 6 or 7
-// file. `at` is where the slot lies, 0 when the kind isn't there.
+// A 40-byte section descriptor in a table of a version 6 or 7 file; `at` is
+// where it lies, 0 when the kind isn't there.
 struct Slot {
     size_t at = 0;
     uint64_t length = 0, file_offset = 0, number_entries = 0;
@@ -36,16 +35,15 @@ struct Slot {
 // slots of length 0 are passed over.
 Slot find_slot(const std::vector<unsigned char>& f, size_t table, unsigned slots, unsigned kind,
                bool nonempty = true);
-// The slot of a kind in the table at the start of the file (20 slots at 16).
+// In the table at the start of the file (20 slots at 16).
 Slot legacy_slot(const std::vector<unsigned char>& f, unsigned kind);
-// The slot of a kind in the global table (12 slots, reached through kind 34).
+// In the global table (12 slots, reached through kind 34).
 Slot global_slot(const std::vector<unsigned char>& f, unsigned kind);
-// The slot of a kind in stream `stream`'s table, through the chain of kind 41.
+// In stream `stream`'s table, through the chain of kind 41.
 Slot stream_slot(const std::vector<unsigned char>& f, unsigned stream, unsigned kind);
 // Expects `marker` with its NUL at `end`, then 24 - (size & 7) zero bytes.
 void expect_ending(const std::vector<unsigned char>& f, size_t end, const std::string& marker);
 
-// The bytes of a record.
 template <typename T>
 std::vector<unsigned char> bytes_of(const T& record)
 {
@@ -67,9 +65,9 @@ struct Image {
     void put16(size_t at, uint16_t v) { put(at, &v, 2); }
     void put32(size_t at, uint32_t v) { put(at, &v, 4); }
     void put64(size_t at, uint64_t v) { put(at, &v, 8); }
-    // A section descriptor at `at` in the 40-byte form (version 6 and 7
-    // tables), the 32-byte form (version 5 global and stream tables) or the
-    // 20-byte form (version 5 section table).
+    // A section descriptor in the 40-byte form (version 6 and 7 tables), the
+    // 32-byte form (version 5 global and stream tables) or the 20-byte form
+    // (version 5 section table).
     void slot(size_t at, unsigned form, uint64_t length, uint64_t offset, uint64_t entries,
               uint32_t entry_length, uint32_t kind);
 };
@@ -79,7 +77,10 @@ struct Image {
 void free_kept(velk_handle* h);
 
 // A wide text literal as the non-const pointer the records carry.
-inline wchar_t* w(const wchar_t* text) { return const_cast<wchar_t*>(text); }
+inline wchar_t* w(const wchar_t* text)
+{
+    return const_cast<wchar_t*>(text);
+}
 
 // Captures every log line whose mask shares a bit with `mask` while alive.
 class LogCapture {
@@ -89,12 +90,10 @@ public:
     const std::vector<std::string>& lines() const { return lines_; }
     const std::vector<unsigned int>& masks() const { return masks_; }
     bool contains(const std::string& line) const;
-    // True if a captured line has `part` anywhere in it.
     bool contains_part(const std::string& part) const;
-    // True if a captured line matches a log format in which every %u and %d
-    // stands for any decimal number and every %s for any text.
+    // True if a line matches a log format in which every %u and %d stands for
+    // any decimal number and every %s for any text.
     bool contains_format(const std::string& format) const;
-    // Number of captured lines that start with `prefix`.
     size_t count_prefix(const std::string& prefix) const;
     void clear();
 
@@ -104,8 +103,8 @@ private:
     std::vector<unsigned int> masks_;
 };
 
-// A fresh temporary directory for each test. DOV_TMP_DIR points at it while
-// the test runs, so the stores of every session made in the test lie there.
+// A fresh temporary directory per test; DOV_TMP_DIR points at it while the
+// test runs, so every session's stores lie there.
 class TempDirTest : public ::testing::Test {
 protected:
     void SetUp() override;

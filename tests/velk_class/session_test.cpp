@@ -14,59 +14,36 @@ const long long kNewFileSize = 3240;
 
 TEST_F(SessionTest, ModeAndFileTable)
 {
-    const unsigned R = VELK_OPEN_READ, W = VELK_OPEN_WRITE, C = VELK_OPEN_CREATE,
-                   CI = VELK_OPEN_CREATE_INTERNAL;
+    const long long R = VELK_OPEN_READ, W = VELK_OPEN_WRITE, C = VELK_OPEN_CREATE,
+                    CI = VELK_OPEN_CREATE_INTERNAL, RW = R | W, N = kNewFileSize,
+                    NP = VELK_E_NO_PERMISSION, OF = VELK_E_OPEN_FAILED, BF = VELK_E_BAD_FILE;
     std::vector<unsigned char> wrong(2000, 0), cut(100, 0);
     memcpy(wrong.data(), "Sample8 ", 8);
     memcpy(cut.data(), "Sample6 ", 8);
-    const std::vector<unsigned char> missing = {'-'}, empty, garbage(2000, 0xAB), tiny = {'S'};
-    struct Row {
-        unsigned mode;
-        const std::vector<unsigned char>* file;
-        unsigned status;
-        long long size_after;  // -1: no such file afterwards
-    } rows[] = {
-        {0, &empty, VELK_E_NO_PERMISSION, 0},
-        {0x8, &missing, VELK_E_NO_PERMISSION, -1},
-        {C, &garbage, VELK_E_NO_PERMISSION, 2000},
-        {CI, &missing, VELK_E_NO_PERMISSION, -1},
-        {R, &missing, VELK_E_OPEN_FAILED, -1},
-        {R, &empty, VELK_E_BAD_FILE, 0},
-        {R, &tiny, VELK_E_BAD_FILE, 1},
-        {R, &wrong, VELK_E_BAD_FILE, 2000},
-        {R, &cut, VELK_E_BAD_FILE, 100},
-        {W, &missing, VELK_E_OPEN_FAILED, -1},
-        {W, &empty, 0, kNewFileSize},
-        {W, &garbage, VELK_E_NO_PERMISSION, 2000},
-        {R | W, &missing, VELK_E_OPEN_FAILED, -1},
-        {R | W, &empty, 0, kNewFileSize},
-        {R | W, &garbage, VELK_E_BAD_FILE, 2000},
-        {W | C, &missing, 0, kNewFileSize},
-        {R | W | C, &garbage, 0, kNewFileSize},
-        {W | CI, &garbage, 0, kNewFileSize},
-        // Create empties the file, but a session that may not write makes
-        // no beginning: an empty file is left.
-        {R | C, &garbage, VELK_E_BAD_FILE, 0},
-        {R | CI, &garbage, VELK_E_BAD_FILE, 0},
-    };
+    // The files by their number in the table: none, empty, garbage, one
+    // byte, a wrong eyecatcher, a cut beginning.
+    const std::vector<unsigned char> files[] = {
+        {}, {}, std::vector<unsigned char>(2000, 0xAB), {'S'}, wrong, cut};
+    // Mode, file, status, size afterwards (-1: no such file). Create empties
+    // the file, but a session that may not write makes no beginning.
+    const long long rows[][4] = {
+        {0, 1, NP, 0},     {0x8, 0, NP, -1},  {C, 2, NP, 2000},  {CI, 0, NP, -1},
+        {R, 0, OF, -1},    {R, 1, BF, 0},     {R, 3, BF, 1},     {R, 4, BF, 2000},
+        {R, 5, BF, 100},   {W, 0, OF, -1},    {W, 1, 0, N},      {W, 2, NP, 2000},
+        {RW, 0, OF, -1},   {RW, 1, 0, N},     {RW, 2, BF, 2000}, {W | C, 0, 0, N},
+        {RW | C, 2, 0, N}, {W | CI, 2, 0, N}, {R | C, 2, BF, 0}, {R | CI, 2, BF, 0}};
     for (size_t n = 0; n < sizeof(rows) / sizeof(rows[0]); ++n) {
-        const Row& row = rows[n];
         const std::string name = path("f" + std::to_string(n));
-        if (row.file != &missing)
-            write_file(name, *row.file);
+        if (rows[n][1] != 0)
+            write_file(name, files[rows[n][1]]);
         velk_handle* h = reinterpret_cast<velk_handle*>(0x1);
-        const unsigned status = VELK_open(&h, widen(name).c_str(), row.mode);
-        EXPECT_EQ(row.status, status) << "row " << n;
-        if (status == 0) {
-            EXPECT_EQ(0u, VELK_close(h)) << "row " << n;
-        } else {
-            EXPECT_EQ(reinterpret_cast<velk_handle*>(0x1), h) << "row " << n;
-        }
-        if (row.size_after < 0) {
-            EXPECT_FALSE(file_exists(name)) << "row " << n;
-        } else {
-            EXPECT_EQ((size_t)row.size_after, read_file(name).size()) << "row " << n;
-        }
+        const unsigned status = VELK_open(&h, widen(name).c_str(), (unsigned)rows[n][0]);
+        EXPECT_EQ(rows[n][2], status) << "row " << n;
+        // A failed open leaves the caller's pointer alone.
+        EXPECT_TRUE(status == 0 ? VELK_close(h) == 0 : h == reinterpret_cast<velk_handle*>(0x1))
+            << "row " << n;
+        EXPECT_EQ(rows[n][3], file_exists(name) ? (long long)read_file(name).size() : -1)
+            << "row " << n;
     }
 }
 
@@ -75,22 +52,24 @@ TEST_F(SessionTest, RefusalsLogTheirLines)
     LogCapture log;
     velk_handle* h = nullptr;
     EXPECT_EQ(VELK_E_NO_PERMISSION, VELK_open(&h, widen(path("x")).c_str(), 0));
-    EXPECT_TRUE(log.contains_format(
-        "<velk %u::helper_init_open_final_file_and_analyze_it>cannot read or write the file!\n"));
-    EXPECT_TRUE(log.contains_format("Operation failed with error code  (src/velk_class, %d) value: 0x6f\n"));
-    EXPECT_TRUE(log.contains_format("Operation failed with error code  (src/velk_entry, %d) value: 0x6f\n"));
-    EXPECT_TRUE(log.contains_format("VELK_open:%d Memory allocation: 32 bytes\n"));
-    EXPECT_TRUE(log.contains_format("VELK_open:%d Memory free: 8 bytes\n"));
+    for (const char* line :
+         {"<velk %u::helper_init_open_final_file_and_analyze_it>cannot read or write the file!\n",
+          "Operation failed with error code  (src/velk_class, %d) value: 0x6f\n",
+          "Operation failed with error code  (src/velk_entry, %d) value: 0x6f\n",
+          "VELK_open:%d Memory allocation: 32 bytes\n", "VELK_open:%d Memory free: 8 bytes\n"})
+        EXPECT_TRUE(log.contains_format(line)) << line;
 
     LogCapture warnings(0xC0000000u);  // failures and warnings, no trace
     EXPECT_EQ(VELK_E_OPEN_FAILED, VELK_open(&h, widen(path("missing")).c_str(), VELK_OPEN_READ));
     ASSERT_EQ(2u, warnings.count_prefix("<velk "));
-    EXPECT_TRUE(warnings.contains_format("<velk %u::do_init>VELK_OSI_Open_File failed, we assume file "
-                                    "does not exist, so create a new file\n"));
+    EXPECT_TRUE(
+        warnings.contains_format("<velk %u::do_init>VELK_OSI_Open_File failed, we assume file "
+                                 "does not exist, so create a new file\n"));
     EXPECT_TRUE(warnings.contains_format(
         "<velk %u::do_init>VELK_OSI_Open_File failed the second time, this is a real error!\n"));
-    EXPECT_EQ(0x40001000u, warnings.masks()[0]);  // the retry is a warning
-    EXPECT_EQ(0x80001000u, warnings.masks()[1]);
+    // The retry is a warning.
+    EXPECT_EQ((std::vector<unsigned>{0x40001000u, 0x80001000u}),
+              std::vector<unsigned>(warnings.masks().begin(), warnings.masks().begin() + 2));
 
     warnings.clear();
     write_file(path("junk"), std::vector<unsigned char>(900, 'x'));
@@ -112,11 +91,6 @@ TEST_F(SessionTest, FileNames)
               VELK_open(&h, (widen(path("bad")) + std::wstring(1, (wchar_t)0x110000)).c_str(), rw));
     EXPECT_EQ(VELK_E_OPEN_FAILED, VELK_open(&h, nullptr, rw));
     EXPECT_EQ(nullptr, h);
-    // A non-ASCII name is a UTF-8 path on disk.
-    ASSERT_EQ(0u, VELK_open(&h, (widen(dir_) + L"/Stra\u00dfe-\u6e2c.vk7").c_str(),
-                            rw | VELK_OPEN_CREATE));
-    EXPECT_EQ(0u, VELK_close(h));
-    EXPECT_EQ((size_t)kNewFileSize, read_file(dir_ + "/Stra\xc3\x9f" "e-\xe6\xb8\xac.vk7").size());
 }
 
 TEST_F(SessionTest, StoresGoToDovTmpDirThenTmpdirThenTmp)
@@ -134,37 +108,38 @@ TEST_F(SessionTest, StoresGoToDovTmpDirThenTmpdirThenTmp)
     const char* old = getenv("TMPDIR");
     const std::string saved = old ? old : "";
     unsetenv("DOV_TMP_DIR");
-    setenv("TMPDIR", "/var/tmp", 1);
-    {
+    for (const char* tmpdir : {"/var/tmp", (const char*)nullptr}) {
+        tmpdir != nullptr ? setenv("TMPDIR", tmpdir, 1) : unsetenv("TMPDIR");
         velk_class s;
-        EXPECT_EQ("/var/tmp/velk_" + std::to_string(s.instance), std::string(s.temp_path));
-    }
-    unsetenv("TMPDIR");
-    {
-        velk_class s;
-        EXPECT_EQ("/tmp/velk_" + std::to_string(s.instance), std::string(s.temp_path));
+        EXPECT_EQ(std::string(tmpdir ? tmpdir : "/tmp") + "/velk_" + std::to_string(s.instance),
+                  std::string(s.temp_path));
     }
     if (old != nullptr)
         setenv("TMPDIR", saved.c_str(), 1);
 }
 
-TEST_F(SessionTest, TraceOfASessionsLife)
+TEST_F(SessionTest, TraceOfASessionsLifeUnderANonAsciiName)
 {
     LogCapture log(0x10001000u);
     velk_handle* h = nullptr;
-    ASSERT_EQ(0u, VELK_open(&h, widen(path("t.vk7")).c_str(),
+    ASSERT_EQ(0u, VELK_open(&h, (widen(dir_) + L"/Stra\u00dfe-\u6e2c.vk7").c_str(),
                             VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
     ASSERT_EQ(0u, VELK_close(h));
+    const std::string name = dir_ + "/Stra\xc3\x9f\x65-\xe6\xb8\xac.vk7";  // UTF-8 on disk
+    EXPECT_EQ((size_t)kNewFileSize, read_file(name).size());
     std::vector<std::string> lines;
     for (const std::string& line : log.lines())
         if (line.find("::") != std::string::npos)
             lines.push_back(line.substr(line.find("::")));
     const std::vector<std::string> first = {
-        "::constructor>entering\n", "::do_init>entering\n", "::do_init>exiting\n",
-        "::constructor>exiting\n", "::VELK_initialized_me>entering\n",
+        "::constructor>entering\n",
+        "::do_init>entering\n",
+        "::do_init>exiting\n",
+        "::constructor>exiting\n",
+        "::VELK_initialized_me>entering\n",
         "::helper_init_open_final_file_and_analyze_it>entering\n",
-        "::helper_init_open_final_file_and_analyze_it>opening file " + path("t.vk7") + "\n"};
+        "::helper_init_open_final_file_and_analyze_it>opening file " + name + "\n"};
     ASSERT_GT(lines.size(), first.size());
     EXPECT_EQ(first, std::vector<std::string>(lines.begin(), lines.begin() + first.size()));
-    EXPECT_EQ("::destructor>exiting for file " + path("t.vk7") + "\n", lines.back());
+    EXPECT_EQ("::destructor>exiting for file " + name + "\n", lines.back());
 }

@@ -4,6 +4,7 @@
 #include "velk_class/velk_class.h"
 
 using namespace velk_test;
+using U = std::vector<unsigned long long>;  // a braced list runs left to right
 
 namespace {
 
@@ -20,105 +21,52 @@ protected:
         s_.VELK_closedown();
         TempDirTest::TearDown();
     }
-    unsigned call(int op, unsigned id)  // 0 reading, 1 writing, 2 done
-    {
-        return op == 0 ? s_.VELK_reading_section(id)
-               : op == 1 ? s_.VELK_writing_section(id)
-                         : s_.VELK_done_section(id);
-    }
-    unsigned call_stream(int op, unsigned id)
-    {
-        return op == 0 ? s_.VELK_reading_stream_section(0, id)
-               : op == 1 ? s_.VELK_writing_stream_section(0, id)
-                         : s_.VELK_done_stream_section(0, id);
-    }
     velk_class s_;
 };
 
 }  // namespace
 
-TEST_F(StatesTest, GlobalSectionTransitions)
+TEST_F(StatesTest, SectionTransitions)
 {
-    // [from state][reading, writing, done]: status, then the state after.
-    const unsigned status[4][3] = {{78, 0, 78}, {0, 77, 0}, {0, 77, 0}, {77, 77, 0}};
-    const unsigned after[4][3] = {{0, 3, 0}, {2, 1, 1}, {2, 2, 1}, {3, 3, 1}};
-    // The descriptor section may be read and done while absent.
-    const unsigned status7[3] = {0, 0, 0};
-    const unsigned after7[3] = {2, 3, 1};
-    for (unsigned id : {4u, 7u})
-        for (unsigned from = 0; from < 4; ++from)
-            for (int op = 0; op < 3; ++op) {
-                s_.sections_ptr->section_state[id] = from;
-                const bool special = id == 7 && from == 0;
-                EXPECT_EQ(special ? status7[op] : status[from][op], call(op, id))
-                    << id << " " << from << " " << op;
-                EXPECT_EQ(special ? after7[op] : after[from][op], s_.sections_ptr->section_state[id])
-                    << id << " " << from << " " << op;
-            }
+    ASSERT_EQ(0u, s_.VELK_writing_stream(0));
+    __VELK_stream_struct* node = s_.stream_list;
+    // [global or stream][from state][reading, writing, done]: the status, and
+    // the state after. A stream is in the state the call needs.
+    const unsigned status[2][4][3] = {{{78, 0, 78}, {0, 77, 0}, {0, 77, 0}, {77, 77, 0}},
+                                      {{79, 0, 79}, {0, 0, 0}, {0, 0, 0}, {81, 0, 0}}};
+    const unsigned after[2][4][3] = {{{0, 3, 0}, {2, 1, 1}, {2, 2, 1}, {3, 3, 1}},
+                                     {{0, 3, 0}, {2, 3, 1}, {2, 3, 1}, {3, 3, 1}}};
+    // The global descriptor section may be read and done while absent,
+    // stream 0's description read.
+    const unsigned absent_after[3] = {2, 3, 1};
+    for (int in_stream = 0; in_stream < 2; ++in_stream)
+        for (unsigned id : {in_stream ? 0u : 4u, in_stream ? 1u : 7u})
+            for (unsigned from = 0; from < 4; ++from)
+                for (int op = 0; op < 3; ++op) {
+                    unsigned* state = in_stream ? &node->stream_section_state[id]
+                                                : &s_.sections_ptr->section_state[id];
+                    node->stream_state = op == 1 ? 3 : 2;
+                    *state = from;
+                    const unsigned got = in_stream
+                                             ? (op == 0   ? s_.VELK_reading_stream_section(0, id)
+                                                : op == 1 ? s_.VELK_writing_stream_section(0, id)
+                                                          : s_.VELK_done_stream_section(0, id))
+                                             : (op == 0   ? s_.VELK_reading_section(id)
+                                                : op == 1 ? s_.VELK_writing_section(id)
+                                                          : s_.VELK_done_section(id));
+                    const bool special = from == 0 && (in_stream ? id == 1 && op == 0 : id == 7);
+                    EXPECT_EQ((U{special ? 0 : status[in_stream][from][op],
+                                 special ? absent_after[op] : after[in_stream][from][op]}),
+                              (U{got, *state}))
+                        << in_stream << id << from << op;
+                }
+
     LogCapture log(0x80000000u);
     EXPECT_EQ(VELK_E_UNKNOWN_SECTION, s_.VELK_reading_section(8));
     EXPECT_EQ(0u, log.count_prefix("<velk "));  // no explaining line
     s_.sections_ptr->section_state[3] = 3;
     EXPECT_EQ(VELK_E_SECTION_BUSY, s_.VELK_reading_section(3));
     EXPECT_TRUE(log.contains_format("<velk %u::helper_set_section_state>%d is being written!\n"));
-}
-
-TEST_F(StatesTest, UseCountsAndTheVersion5Coupling)
-{
-    s_.sections_ptr->section_state[VELK_SECTION_SYSTEM] = 1;
-    EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
-    EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
-    EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_SYSTEM));
-    EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_SYSTEM]);
-    EXPECT_EQ(1u, s_.sections_ptr->section_users[VELK_SECTION_SYSTEM]);
-
-    for (unsigned version : {5u, 6u}) {
-        s_.vk_file_version = version;
-        s_.sections_ptr->section_state[VELK_SECTION_PROCESS] = 1;
-        s_.sections_ptr->section_state[VELK_SECTION_THREAD] = 1;
-        EXPECT_EQ(0u, s_.VELK_reading_section(VELK_SECTION_PROCESS));
-        EXPECT_EQ(version == 5 ? 2u : 1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
-        EXPECT_EQ(0u, s_.VELK_done_section(VELK_SECTION_PROCESS));
-        EXPECT_EQ(1u, s_.sections_ptr->section_state[VELK_SECTION_THREAD]);
-    }
-    LogCapture log(0x80000000u);
-    s_.access_mode = VELK_ACCESS_WRITE;
-    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
-    s_.access_mode = VELK_ACCESS_READ;
-    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_writing_section(VELK_SECTION_SYSTEM));
-    s_.access_mode = VELK_ACCESS_READ | VELK_ACCESS_WRITE;
-    EXPECT_EQ((std::vector<std::string>{
-                  "<velk " + std::to_string(s_.instance) +
-                      "::VELK_reading_section>don't have permission to read the file!\n",
-                  "<velk " + std::to_string(s_.instance) +
-                      "::VELK_writing_section>don't have permission to write the file!\n"}),
-              log.lines());
-
-    // The repeat's failure is returned; the process section keeps its state.
-    s_.vk_file_version = 5;
-    s_.sections_ptr->section_state[VELK_SECTION_THREAD] = 0;
-    EXPECT_EQ(VELK_E_SECTION_MISSING, s_.VELK_reading_section(VELK_SECTION_PROCESS));
-    EXPECT_EQ(2u, s_.sections_ptr->section_state[VELK_SECTION_PROCESS]);
-}
-
-TEST_F(StatesTest, StreamSectionTransitions)
-{
-    ASSERT_EQ(0u, s_.VELK_writing_stream(0));
-    __VELK_stream_struct* node = s_.stream_list;
-    // [from][reading, writing, done], with the stream in the state the call needs.
-    const unsigned status[4][3] = {{79, 0, 79}, {0, 0, 0}, {0, 0, 0}, {81, 0, 0}};
-    const unsigned after[4][3] = {{0, 3, 0}, {2, 3, 1}, {2, 3, 1}, {3, 3, 1}};
-    for (unsigned id : {0u, 1u})
-        for (unsigned from = 0; from < 4; ++from)
-            for (int op = 0; op < 3; ++op) {
-                node->stream_state = op == 1 ? 3 : 2;
-                node->stream_section_state[id] = from;
-                // Stream 0's description may be read while absent.
-                const bool special = id == 1 && from == 0 && op == 0;
-                EXPECT_EQ(special ? 0u : status[from][op], call_stream(op, id)) << id << from << op;
-                EXPECT_EQ(special ? 2u : after[from][op], node->stream_section_state[id]) << id << from << op;
-            }
-    LogCapture log;
     node->stream_state = 1;
     EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_reading_stream_section(0, 4));
     EXPECT_TRUE(log.contains_format("<velk %u>did not call VELK_reading_stream yet!\n"));
@@ -130,6 +78,43 @@ TEST_F(StatesTest, StreamSectionTransitions)
     EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_reading_stream_section(1, 0));
 }
 
+TEST_F(StatesTest, UseCountsAndTheVersion5Coupling)
+{
+    velk_section_block* b = s_.sections_ptr;
+    b->section_state[VELK_SECTION_SYSTEM] = 1;
+    EXPECT_EQ(
+        (U{0, 0, 0, 1, 1}),
+        (U{s_.VELK_reading_section(VELK_SECTION_SYSTEM),
+           s_.VELK_reading_section(VELK_SECTION_SYSTEM), s_.VELK_done_section(VELK_SECTION_SYSTEM),
+           b->section_state[VELK_SECTION_SYSTEM], b->section_users[VELK_SECTION_SYSTEM]}));
+    for (unsigned version : {5u, 6u}) {
+        s_.vk_file_version = version;
+        b->section_state[VELK_SECTION_PROCESS] = 1;
+        b->section_state[VELK_SECTION_THREAD] = 1;
+        EXPECT_EQ(
+            (U{0, version == 5 ? 2u : 1u, 0, 1}),
+            (U{s_.VELK_reading_section(VELK_SECTION_PROCESS), b->section_state[VELK_SECTION_THREAD],
+               s_.VELK_done_section(VELK_SECTION_PROCESS), b->section_state[VELK_SECTION_THREAD]}));
+    }
+    LogCapture log(0x80000000u);
+    s_.access_mode = VELK_ACCESS_WRITE;
+    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_reading_section(VELK_SECTION_SYSTEM));
+    s_.access_mode = VELK_ACCESS_READ;
+    EXPECT_EQ(VELK_E_NO_PERMISSION, s_.VELK_writing_section(VELK_SECTION_SYSTEM));
+    s_.access_mode = VELK_ACCESS_READ | VELK_ACCESS_WRITE;
+    const std::string velk = "<velk " + std::to_string(s_.instance);
+    EXPECT_EQ((std::vector<std::string>{
+                  velk + "::VELK_reading_section>don't have permission to read the file!\n",
+                  velk + "::VELK_writing_section>don't have permission to write the file!\n"}),
+              log.lines());
+
+    // The repeat's failure is returned; the process section keeps its state.
+    s_.vk_file_version = 5;
+    b->section_state[VELK_SECTION_THREAD] = 0;
+    EXPECT_EQ(VELK_E_SECTION_MISSING, s_.VELK_reading_section(VELK_SECTION_PROCESS));
+    EXPECT_EQ(2u, b->section_state[VELK_SECTION_PROCESS]);
+}
+
 TEST_F(StatesTest, StreamsAreMadeInOrderAndMustBeDescribed)
 {
     LogCapture log;
@@ -139,11 +124,9 @@ TEST_F(StatesTest, StreamsAreMadeInOrderAndMustBeDescribed)
     EXPECT_TRUE(log.contains_format("<velk %u>stream 2 hasn't been created yet!\n"));
     EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_writing_stream(1));
     EXPECT_TRUE(log.contains_format("<velk %u>stream 1 already exists!\n"));
-    EXPECT_EQ(0u, s_.VELK_writing_stream(2));
-    EXPECT_EQ(3, s_.stream_count);
     // A second call on stream 0 in a created file adds a stream all the same.
-    EXPECT_EQ(0u, s_.VELK_writing_stream(0));
-    EXPECT_EQ(4, s_.stream_count);
+    EXPECT_EQ((U{0, 3, 0, 4}), (U{s_.VELK_writing_stream(2), (unsigned)s_.stream_count,
+                                  s_.VELK_writing_stream(0), (unsigned)s_.stream_count}));
 
     // Done on an undescribed stream: 80, both lines, and the writing ends.
     EXPECT_EQ(VELK_E_STREAM_STATE, s_.VELK_done_stream(1));
@@ -155,19 +138,17 @@ TEST_F(StatesTest, StreamsAreMadeInOrderAndMustBeDescribed)
     EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_done_stream(4));
     EXPECT_TRUE(log.contains_format("<velk %u>invalid stream 4!\n"));
 
-    unsigned exists = 9;
-    EXPECT_EQ(0u, s_.VELK_exists_global_section(27, &exists));
-    EXPECT_EQ(0u, exists);
+    // Kinds 27, 26 and 24 of the global table, kind 38 of a stream's.
+    unsigned e[4] = {9, 9, 9, 9};
+    EXPECT_EQ(0u, s_.VELK_exists_global_section(27, &e[0]));
     s_.sections_ptr->section_state[VELK_SECTION_CONFIGURATION] = 3;
-    EXPECT_EQ(0u, s_.VELK_exists_global_section(26, &exists));
-    EXPECT_EQ(1u, exists);
-    EXPECT_EQ(0u, s_.VELK_exists_global_section(24, &exists));
-    EXPECT_EQ(0u, exists);
-    EXPECT_TRUE(log.contains_format("<velk %u::VELK_exists_global_section>unrecognized section 24\n"));
     s_.stream_list->stream_section_state[2] = 1;
-    EXPECT_EQ(0u, s_.VELK_exists_stream_section(0, 38, &exists));
-    EXPECT_EQ(1u, exists);
-    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_exists_stream_section(9, 38, &exists));
+    EXPECT_EQ((U{0, 0, 0, 0, 1, 0, 1}),
+              (U{s_.VELK_exists_global_section(26, &e[1]), s_.VELK_exists_global_section(24, &e[2]),
+                 s_.VELK_exists_stream_section(0, 38, &e[3]), e[0], e[1], e[2], e[3]}));
+    EXPECT_TRUE(
+        log.contains_format("<velk %u::VELK_exists_global_section>unrecognized section 24\n"));
+    EXPECT_EQ(VELK_E_BAD_STREAM, s_.VELK_exists_stream_section(9, 38, &e[0]));
     s_.sections_ptr->section_state[VELK_SECTION_CONFIGURATION] = 1;
     for (auto* n = s_.stream_list; n; n = n->next)
         n->stream_state = 1;

@@ -1,4 +1,4 @@
-// Temporary stores, section padding, file copy, and the stores' removal.
+// Temporary stores, section padding and file copy.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -37,7 +37,7 @@ TEST_F(StoreTest, PaddingLeavesSeventeenToTwentyFourZeros)
         const std::string text = i < 8 ? std::string("end x", 6) : std::string();
         write_file(path("pad"), Bytes(i % 8, 'x'));
         const int fd = open(path("pad").c_str(), O_RDWR);
-        ASSERT_EQ(0u, s.utility_add_string_padding(fd, text.empty() ? nullptr : text.c_str()));
+        ASSERT_EQ(0u, s.utility_add_string_padding(fd, i < 8 ? text.c_str() : nullptr));
         close(fd);
         Bytes expected(i % 8, 'x');
         expected.insert(expected.end(), text.begin(), text.end());
@@ -70,30 +70,6 @@ TEST_F(StoreTest, AppendsFileBToFileAAcrossThePiece)
     close(a);
     close(b);
     EXPECT_TRUE(expected == read_file(path("a")));
-}
-
-TEST_F(StoreTest, SessionEndRemovesAllStores)
-{
-    for (const bool abort : {false, true}) {
-        velk_class s;  // one session at a time: sessions of one second share their stores' paths
-        ASSERT_EQ(0u, s.VELK_initialize_me(widen(path("f")).c_str(),
-                                           VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
-        unsigned long long base = s.string_base, id = 0;
-        ASSERT_EQ(0u, s.utility_add_string_to_temp_file("kept until close", &id));
-        ASSERT_EQ(0u, s.sections_ptr->new_pid_store->Open_Temp_File(s.temp_path, -1));
-        ASSERT_EQ(0u, s.sections_ptr->legacy_tid_store->Open_Temp_File(s.final_file_name, -1));
-        ASSERT_EQ(4u, list_dir(dir_).size());
-        ASSERT_EQ(0u, abort ? s.VELK_abort_cleanup_and_close() : s.VELK_closedown());
-        EXPECT_EQ(Names{"f"}, list_dir(dir_));
-        const std::vector<unsigned char> f = read_file(path("f"));
-        if (abort) {
-            EXPECT_EQ(base, f.size());
-        } else {
-            ASSERT_GT(f.size(), base + 36);
-            EXPECT_EQ(0, memcmp(&f[base], "kept until close\0end string section", 36));
-        }
-        unlink(path("f").c_str());
-    }
 }
 
 }  // namespace

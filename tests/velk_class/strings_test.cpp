@@ -12,7 +12,8 @@ const unsigned int kReadWrite = VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CRE
 const wchar_t* const kWide = L"Gr\u00FC\u00DFe \u20AC\U0001D11E";  // 8 wide characters
 const std::string kWhere = "<velk %u::VELK_convert_uniqueid_to_string>";
 
-template <typename T> unsigned long long add(velk_class& s, const T* text)
+template <typename T>
+unsigned long long add(velk_class& s, const T* text)
 {
     unsigned long long id = 9;
     EXPECT_EQ(0u, s.utility_add_string_to_temp_file(text, &id));
@@ -48,7 +49,7 @@ TEST_F(StringTest, TextsResolveFromTheStoreUntilTheFlush)
     const unsigned long long alpha = add(s, "alpha"), wide = add(s, kWide), last = add(s, L"last");
     EXPECT_EQ((Ids{kFlag | base, kFlag | (base + 6), kFlag | (base + 22)}),
               (Ids{alpha, wide, last}));
-    std::string section("alpha\0Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC\xF0\x9D\x84\x9E\0last", 27);
+    std::string section("alpha\0Gr\xC3\xBC\xC3\x9F\x65 \xE2\x82\xAC\xF0\x9D\x84\x9E\0last", 27);
     EXPECT_EQ(Bytes(section.begin(), section.end()), read_file(store));
     EXPECT_EQ(L"alpha", text_of(s, alpha));
     EXPECT_EQ(kWide, text_of(s, wide));
@@ -61,12 +62,12 @@ TEST_F(StringTest, TextsResolveFromTheStoreUntilTheFlush)
     EXPECT_TRUE(size == 0 && log.contains_format(kWhere + "bogus uniqueid! cannot find string "
                                                           "in temp string file!\n"));
     ASSERT_EQ(0u, s.strings_store->Append_To_File("\xC3\x28\xFF\0xyz", 7, 4, 0));
-    EXPECT_EQ(L"#", text_of(s, last + 5));  // not UTF-8
+    EXPECT_EQ(L"#", text_of(s, last + 5));                        // not UTF-8
     EXPECT_EQ(VELK_E_BAD_STRING_ID, lookup(s, last + 9, &size));  // unterminated
 
     ASSERT_EQ(0u, s.write_to_file_hidden_string_section(&wrote));
     EXPECT_TRUE(wrote == 1 && !file_exists(store));
-    section += std::string("\xC3\x28\xFF\0xyz" "end string section", 25) + std::string(20, '\0');
+    section += std::string("\xC3\x28\xFF\0xyzend string section", 25) + std::string(20, '\0');
     const Bytes file = read_file(path("f"));
     EXPECT_EQ(Bytes(section.begin(), section.end()), Bytes(file.begin() + base, file.end()));
     EXPECT_EQ(VELK_E_BAD_STRING_ID, lookup(s, alpha, &size));  // the first look at the size counts

@@ -12,11 +12,15 @@ namespace {
 using Tracker = __VELK_mmap_tracker;
 using U = std::vector<unsigned long long>;
 
-U counters() { return {Tracker::m_num_mmaps, Tracker::m_num_bytes_mapped}; }
-U window(const Tracker& t)  // first, last, entries and bytes ahead, current offset, align delta
+U counters()
 {
-    return {t.m_first_entry, t.m_last_entry, t.m_entries, t.m_bytes,
-            (unsigned long long)(t.m_current - t.m_data), t.m_align_delta};
+    return {Tracker::m_num_mmaps, Tracker::m_num_bytes_mapped};
+}
+// First, last, entries and bytes ahead, current offset, align delta.
+U window(const Tracker& t)
+{
+    const unsigned long long at = t.m_current - t.m_data;
+    return {t.m_first_entry, t.m_last_entry, t.m_entries, t.m_bytes, at, t.m_align_delta};
 }
 unsigned int map(Tracker* t, unsigned int data_size, unsigned long long entries, long long h,
                  unsigned long long first, unsigned long long offset)
@@ -25,7 +29,7 @@ unsigned int map(Tracker* t, unsigned int data_size, unsigned long long entries,
     t->Set_Entries(entries);
     return t->Map_File(h, first, offset);
 }
-class TrackerTest : public velk_test::TempDirTest {};
+using TrackerTest = velk_test::TempDirTest;
 
 TEST_F(TrackerTest, WindowsInEntriesAndBytesAndTheirBook)
 {

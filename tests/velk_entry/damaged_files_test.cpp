@@ -3,7 +3,6 @@
 // writing, read again and closed. No damage may crash the library or
 // make it read outside a mapping (the sanitizer build watches), and every
 // answer is a status of the library's own.
-#include <stdio.h>
 #include <string.h>
 
 #include "sampling_utils/sampling_utils.h"
@@ -13,11 +12,10 @@ using namespace velk_test;
 
 namespace {
 
-// Counts the calls whose answer is not a velk status.
+// Counts the calls whose answer is not a velk status. Every byte handed out
+// is read into `sum`; the counts are of what the callbacks were handed.
 struct Checker {
     unsigned unknown = 0;
-    // Every byte handed out is read into `sum`; the counts are of what the
-    // callbacks were handed.
     unsigned long long sum = 0, records = 0, data_bytes = 0;
     velk_handle* h = nullptr;
     unsigned operator()(unsigned status)
@@ -29,9 +27,8 @@ struct Checker {
     }
     void touch(const void* p, unsigned long long n)
     {
-        const unsigned char* b = static_cast<const unsigned char*>(p);
         for (unsigned long long i = 0; i < n; ++i)
-            sum += b[i];
+            sum += static_cast<const unsigned char*>(p)[i];
     }
     void text(unsigned long long id)
     {
@@ -43,43 +40,33 @@ struct Checker {
         std::vector<wchar_t> buffer(size / sizeof(wchar_t) + 1);
         (*this)(VELK_convert_uniqueid_to_string(h, size, &s, buffer.data(), nullptr));
     }
+    // The texts a record names.
+    void texts(const __VELK_pid& r)
+    {
+        text(r.pid_path.id);
+        text(r.pid_name.id);
+    }
+    void texts(const __VELK_tid& r) { text(r.tid_name.id); }
+    void texts(const __VELK_module&) {}
 };
 
-unsigned walk_pids(__VELK_pid* r, unsigned bytes, unsigned entries, void* c)
+template <typename Record>
+unsigned walk_records(Record* r, unsigned bytes, unsigned entries, void* c)
 {
-    Checker* k = static_cast<Checker*>(c);
-    k->touch(r, bytes);
-    k->records += entries;
-    for (unsigned i = 0; i < entries; ++i) {
-        k->text(r[i].pid_path.id);
-        k->text(r[i].pid_name.id);
-    }
-    return 1;
-}
-
-unsigned walk_tids(__VELK_tid* r, unsigned bytes, unsigned entries, void* c)
-{
-    Checker* k = static_cast<Checker*>(c);
-    k->touch(r, bytes);
-    k->records += entries;
+    Checker& k = *static_cast<Checker*>(c);
+    k.touch(r, bytes);
+    k.records += entries;
     for (unsigned i = 0; i < entries; ++i)
-        k->text(r[i].tid_name.id);
-    return 1;
-}
-
-unsigned walk_modules(__VELK_module* r, unsigned bytes, unsigned entries, void* c)
-{
-    static_cast<Checker*>(c)->touch(r, bytes);
-    static_cast<Checker*>(c)->records += entries;
+        k.texts(r[i]);
     return 1;
 }
 
 unsigned walk_descriptors(__velk_samprec_desc_entry* e, unsigned, unsigned count, void* c)
 {
-    Checker* k = static_cast<Checker*>(c);
-    k->touch(e, (unsigned long long)count * sizeof(*e));
+    Checker& k = *static_cast<Checker*>(c);
+    k.touch(e, (unsigned long long)count * sizeof(*e));
     for (unsigned i = 0; i < count; ++i)
-        k->text(e[i].name.id);
+        k.text(e[i].name.id);
     return 1;
 }
 
@@ -90,26 +77,26 @@ unsigned walk_data(void* data, unsigned long long bytes, unsigned, void* c, unsi
     return 1;
 }
 
-// Walks a record section from its first record, if it can be read.
-template <typename Record>
-void walk_section(Checker& k, VELK_SECTION_IDENTIFIER id,
-                  unsigned (*callback)(Record*, unsigned, unsigned, void*),
-                  unsigned (*enumerate)(velk_handle*,
-                                        unsigned (**)(Record*, unsigned, unsigned, void*), void*,
-                                        unsigned long long))
+// Runs `read` in a global section (stream ~0u) or a stream's section, if the
+// section can be entered.
+template <typename Read>
+void inside(Checker& k, unsigned stream, unsigned id, Read read)
 {
-    if (k(VELK_reading_section(k.h, id)) != 0)
+    const auto global = (VELK_SECTION_IDENTIFIER)id;
+    const auto local = (VELK_STREAM_SECTION_IDENTIFIER)id;
+    if (k(stream == ~0u ? VELK_reading_section(k.h, global)
+                        : VELK_reading_stream_section(k.h, stream, local)) != 0)
         return;
-    k(enumerate(k.h, &callback, &k, 0));
-    k(VELK_done_section(k.h, id));
+    read();
+    k(stream == ~0u ? VELK_done_section(k.h, global)
+                    : VELK_done_stream_section(k.h, stream, local));
 }
 
-void read_stream(Checker& k, unsigned n)
+void read_stream(Checker& k, velk_handle* h, unsigned n)
 {
-    velk_handle* h = k.h;
     if (k(VELK_reading_stream(h, n)) != 0)
         return;
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO)) == 0) {
+    inside(k, n, VELK_STREAM_SECTION_STREAM_INFO, [&] {
         __VELK_stream_info info;
         if (k(VELK_get_stream_info(h, n, sizeof(info), &info, nullptr)) == 0)
             k.text(info.comment.id);
@@ -122,17 +109,15 @@ void read_stream(Checker& k, unsigned n)
         k(VELK_get_lbr_filter_info(h, n, sizeof(filter), filter));
         unsigned short first = 0, second = 0;
         k(VELK_get_uncore_info(h, n, &first, &second));
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_STREAM_INFO));
-    }
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED)) == 0) {
+    });
+    inside(k, n, VELK_STREAM_SECTION_USER_DEFINED, [&] {
         unsigned size = 0;
         if (k(VELK_get_user_defined_stream(h, n, 0, nullptr, &size)) == 0 && size != 0) {
             std::vector<unsigned char> block(size);
             k(VELK_get_user_defined_stream(h, n, size, block.data(), &size));
         }
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_USER_DEFINED));
-    }
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION)) == 0) {
+    });
+    inside(k, n, VELK_STREAM_SECTION_DATA_DESCRIPTION, [&] {
         VELK_DESCRIPTOR_CALLBACK cb = walk_descriptors;
         k(VELK_enumerate_data_descriptor_entries(h, n, &cb, &k));
         k(VELK_enumerate_data_descriptors(h, n, &cb, &k));
@@ -143,15 +128,11 @@ void read_stream(Checker& k, unsigned n)
                 free(table[g].entries);
             free(table);
         }
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA_DESCRIPTION));
-    }
+    });
     unsigned size = 0;
     k(VELK_get_size_of_each_data_entry(h, n, &size));
-    if (k(VELK_reading_stream_section(h, n, VELK_STREAM_SECTION_DATA)) == 0) {
-        VELK_DATA_CALLBACK cb = walk_data;
-        k(VELK_enumerate_data(h, n, &cb, &k, 0));
-        k(VELK_done_stream_section(h, n, VELK_STREAM_SECTION_DATA));
-    }
+    VELK_DATA_CALLBACK data = walk_data;
+    inside(k, n, VELK_STREAM_SECTION_DATA, [&] { k(VELK_enumerate_data(h, n, &data, &k, 0)); });
     k(VELK_done_stream(h, n));
 }
 
@@ -160,13 +141,16 @@ void read_stream(Checker& k, unsigned n)
 Checker read_everything(const std::string& file)
 {
     Checker k;
+    VELK_PROCESS_CALLBACK pids = walk_records<__VELK_pid>;
+    VELK_THREAD_CALLBACK tids = walk_records<__VELK_tid>;
+    VELK_MODULE_CALLBACK modules = walk_records<__VELK_module>;
     for (unsigned mode : {VELK_OPEN_READ, VELK_OPEN_READ | VELK_OPEN_WRITE}) {
         if (k(VELK_open(&k.h, widen(file).c_str(), mode)) != 0)
             return k;
         velk_handle* h = k.h;
         unsigned bound = 0;
         k(VELK_is_legacy_bound(h, &bound));
-        if (k(VELK_reading_section(h, VELK_SECTION_CONFIGURATION)) == 0) {
+        inside(k, ~0u, VELK_SECTION_CONFIGURATION, [&] {
             __VELK_host host;
             if (k(VELK_get_host(h, sizeof(host), &host, nullptr)) == 0)
                 k.text(host.host_text_1.id);
@@ -174,21 +158,19 @@ Checker read_everything(const std::string& file)
             k(VELK_get_os(h, sizeof(os), os, nullptr));
             __VELK_application app;
             k(VELK_get_application(h, sizeof(app), &app, nullptr));
-            k(VELK_done_section(h, VELK_SECTION_CONFIGURATION));
-        }
-        if (k(VELK_reading_section(h, VELK_SECTION_USER_DEFINED)) == 0) {
+        });
+        inside(k, ~0u, VELK_SECTION_USER_DEFINED, [&] {
             unsigned char block[64];
             k(VELK_get_user_defined_global(h, sizeof(block), block, nullptr));
-            k(VELK_done_section(h, VELK_SECTION_USER_DEFINED));
-        }
+        });
         VELK_get_module_record_size(h);  // a size, not a status
-        walk_section(k, VELK_SECTION_PROCESS, walk_pids, VELK_enumerate_processes);
-        walk_section(k, VELK_SECTION_THREAD, walk_tids, VELK_enumerate_threads);
-        walk_section(k, VELK_SECTION_MODULE, walk_modules, VELK_enumerate_modules);
+        inside(k, ~0u, VELK_SECTION_PROCESS, [&] { k(VELK_enumerate_processes(h, &pids, &k, 0)); });
+        inside(k, ~0u, VELK_SECTION_THREAD, [&] { k(VELK_enumerate_threads(h, &tids, &k, 0)); });
+        inside(k, ~0u, VELK_SECTION_MODULE, [&] { k(VELK_enumerate_modules(h, &modules, &k, 0)); });
         unsigned streams = 0;
         k(VELK_get_number_data_streams(h, &streams));
         for (unsigned n = 0; n < streams && n < 4; ++n)
-            read_stream(k, n);
+            read_stream(k, h, n);
         // A close that fails leaves the handle live: the abort cleans up,
         // and what the handle keeps is then the caller's to free.
         if (k(VELK_close(h)) != 0) {
@@ -199,55 +181,44 @@ Checker read_everything(const std::string& file)
     return k;
 }
 
-class DamagedFilesTest : public TempDirTest {
-protected:
-    // The tool's demo file, with a second stream counted by entries that
-    // carries user info, LBR and uncore values and a user-defined block, and
-    // a user-defined global block.
-    std::vector<unsigned char> complete_file()
-    {
-        const std::string name = path("whole.vk7");
-        const std::string command = std::string(VELK_TOOL_PATH) + " demo " + name + " >/dev/null";
-        EXPECT_EQ(0, system(command.c_str()));
-        velk_handle* h = nullptr;
-        EXPECT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
-        unsigned char block[24] = {1, 2, 3};
-        EXPECT_EQ(0u, VELK_writing_section(h, VELK_SECTION_USER_DEFINED));
-        EXPECT_EQ(0u, VELK_set_user_defined_global(h, sizeof(block), block));
-        EXPECT_EQ(0u, VELK_done_section(h, VELK_SECTION_USER_DEFINED));
-        __VELK_stream_info info;
-        memset(&info, 0, sizeof(info));
-        info.stream_type = 2;
-        info.comment.text = w(L"second");
-        __VELK_user_info user = {{w(L"user text")}};
-        __velk_samprec_desc_entry field;
-        memset(&field, 0, sizeof(field));
-        field.entry_size = sizeof(field);
-        field.field_type = ST_TIMESTAMP;
-        field.field_length = 8;
-        field.name.text = w(L"stamp");
-        unsigned long long stamps[6] = {1, 2, 3, 4, 5, 6};
-        EXPECT_EQ(0u, VELK_writing_stream(h, 1));
-        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO));
-        EXPECT_EQ(0u, VELK_set_stream_info(h, 1, &info));
-        EXPECT_EQ(0u, VELK_set_user_info(h, 1, &user));
-        EXPECT_EQ(0u, VELK_set_lbr_info(h, 1, (VELK_LBR_FILTER)3));
-        EXPECT_EQ(0u, VELK_set_uncore_info(h, 1, 5, 6));
-        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO));
-        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED));
-        EXPECT_EQ(0u, VELK_set_user_defined_stream(h, 1, sizeof(block), block));
-        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED));
-        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION));
-        EXPECT_EQ(0u, VELK_add_data_descriptor_entry(h, 1, &field));
-        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION));
-        EXPECT_EQ(0u, VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA));
-        EXPECT_EQ(0u, VELK_add_data(h, 1, sizeof(stamps), stamps));
-        EXPECT_EQ(0u, VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA));
-        EXPECT_EQ(0u, VELK_done_stream(h, 1));
-        EXPECT_EQ(0u, VELK_close(h));
-        return read_file(name);
-    }
-};
+// The tool's demo file, with a second stream counted by entries that carries
+// user info, LBR and uncore values and a user-defined block, and a
+// user-defined global block.
+std::vector<unsigned char> complete_file(const std::string& name)
+{
+    EXPECT_EQ(0, system((std::string(VELK_TOOL_PATH) + " demo " + name + " >/dev/null").c_str()));
+    velk_handle* h = nullptr;
+    EXPECT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ | VELK_OPEN_WRITE));
+    unsigned char block[24] = {1, 2, 3};
+    __VELK_stream_info info = {0, 0, 2, 0, 0, 0, 0, 0, {}, {}, {w(L"second")}, 0};
+    __VELK_user_info user = {{w(L"user text")}};
+    __velk_samprec_desc_entry field = {72, 0, ST_TIMESTAMP, 0, 8, 0, {}, 0, {w(L"stamp")}, {}};
+    unsigned long long stamps[6] = {1, 2, 3, 4, 5, 6};
+    const VELK_LBR_FILTER lbr = 3;
+    for (unsigned status : {VELK_writing_section(h, VELK_SECTION_USER_DEFINED),
+                            VELK_set_user_defined_global(h, sizeof(block), block),
+                            VELK_done_section(h, VELK_SECTION_USER_DEFINED),
+                            VELK_writing_stream(h, 1),
+                            VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO),
+                            VELK_set_stream_info(h, 1, &info),
+                            VELK_set_user_info(h, 1, &user),
+                            VELK_set_lbr_info(h, 1, lbr),
+                            VELK_set_uncore_info(h, 1, 5, 6),
+                            VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_STREAM_INFO),
+                            VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED),
+                            VELK_set_user_defined_stream(h, 1, sizeof(block), block),
+                            VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_USER_DEFINED),
+                            VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION),
+                            VELK_add_data_descriptor_entry(h, 1, &field),
+                            VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA_DESCRIPTION),
+                            VELK_writing_stream_section(h, 1, VELK_STREAM_SECTION_DATA),
+                            VELK_add_data(h, 1, sizeof(stamps), stamps),
+                            VELK_done_stream_section(h, 1, VELK_STREAM_SECTION_DATA),
+                            VELK_done_stream(h, 1),
+                            VELK_close(h)})
+        EXPECT_EQ(0u, status);
+    return read_file(name);
+}
 
 // The legacy sections of a file, listed in a section table of 20-byte
 // entries where they lie: what a version 5 writer would have left.
@@ -268,9 +239,11 @@ std::vector<unsigned char> as_version_5(const std::vector<unsigned char>& file)
 
 }  // namespace
 
+using DamagedFilesTest = TempDirTest;
+
 TEST_F(DamagedFilesTest, EveryShorterLengthAndEveryChangedByteIsAnsweredWithAStatus)
 {
-    const std::vector<unsigned char> v7 = complete_file();
+    const std::vector<unsigned char> v7 = complete_file(path("whole.vk7"));
     ASSERT_GT(v7.size(), 8000u);
     const std::string file = path("damaged.vk7");
     for (const std::vector<unsigned char>& whole : {v7, as_version_5(v7)}) {

@@ -1,5 +1,4 @@
 // The OS layer against real files, mappings and devices.
-
 #include "test_helpers.h"
 
 #include <stdlib.h>
@@ -11,48 +10,57 @@
 namespace {
 
 using VelkOsi = velk_test::TempDirTest;
+using U = std::vector<unsigned long long>;  // a braced list runs left to right
 
-std::string slurp(const std::string& p) { auto b = velk_test::read_file(p); return {b.begin(), b.end()}; }
+std::string slurp(const std::string& p)
+{
+    auto b = velk_test::read_file(p);
+    return {b.begin(), b.end()};
+}
 
-TEST_F(VelkOsi, OpenModesWriteReadAndSeek) {
+TEST_F(VelkOsi, OpenModesWriteReadAndSeek)
+{
     const std::string f = path("f"), data = "abcdefghijklmnopqrstuvwxyz";
     velk_test::write_file(f, std::vector<unsigned char>(9, 'o'));
     long long h = VELK_OSI_Open_File(f.c_str(), VELK_OSI_MODE_CREATE | VELK_OSI_MODE_READ);
-    EXPECT_EQ(VELK_OSI_Get_File_Size(h), 0u);
     unsigned long long n = 0;
-    EXPECT_EQ(VELK_OSI_Write(h, const_cast<char*>(data.data()), data.size(), &n), 0u);
-    EXPECT_EQ(n, 26u);
+    char got[8] = {};
+    EXPECT_EQ((U{0, 0, 26}),
+              (U{VELK_OSI_Get_File_Size(h),
+                 VELK_OSI_Write(h, const_cast<char*>(data.data()), data.size(), &n), n}));
     EXPECT_EQ(slurp(f), data);
-    char got[8] = {}, c = 0;
-    EXPECT_EQ(VELK_OSI_Set_File_Pointer(h, 10, VELK_OSI_SEEK_BEGIN), 10);
-    EXPECT_EQ(VELK_OSI_Set_File_Pointer(h, 2, VELK_OSI_SEEK_CURRENT), 12);
-    EXPECT_EQ(VELK_OSI_Set_File_Pointer(h, -3, VELK_OSI_SEEK_END), 23);
-    EXPECT_EQ(VELK_OSI_Read(h, got, 8, &n), 0u);
+    EXPECT_EQ((std::vector<long long>{10, 12, 23, 0, 3, -1, 0, 0, VELK_E_NULL_POINTER}),
+              (std::vector<long long>{
+                  VELK_OSI_Set_File_Pointer(h, 10, VELK_OSI_SEEK_BEGIN),
+                  VELK_OSI_Set_File_Pointer(h, 2, VELK_OSI_SEEK_CURRENT),
+                  VELK_OSI_Set_File_Pointer(h, -3, VELK_OSI_SEEK_END), VELK_OSI_Read(h, got, 8, &n),
+                  (long long)n, VELK_OSI_Set_File_Pointer(h, 30, 3), VELK_OSI_Close_Handle(h, 0),
+                  (long long)VELK_OSI_Get_File_Size(h), VELK_OSI_Close_Handle(h, 0)}));
     EXPECT_EQ(std::string(got, n), "xyz");
-    EXPECT_EQ(VELK_OSI_Set_File_Pointer(h, 30, 3), -1);
-    EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
-    EXPECT_EQ(VELK_OSI_Get_File_Size(h), 0u);
-    EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), VELK_E_NULL_POINTER);
     velk_test::write_file(f, {'x', 'y', 'z'});
-    // Per mode: status of writing '0' + mode at the start, then status and byte of one read.
-    const struct { unsigned mode, write, read; char byte; const char* after; } modes[] = {
-        {VELK_OSI_MODE_READ, 194, 0, 'x', "xyz"}, {0, 194, 0, 'x', "xyz"},
-        {VELK_OSI_MODE_WRITE, 0, 22, 0, "2yz"}, {VELK_OSI_MODE_READ | VELK_OSI_MODE_WRITE, 0, 0, 'y', "3yz"}};
-    for (const auto& m : modes) {
-        h = VELK_OSI_Open_File(f.c_str(), m.mode);
-        EXPECT_EQ(VELK_OSI_Write(h, &(c = static_cast<char>('0' + m.mode)), 1, &n), m.write) << m.mode;
-        EXPECT_EQ(VELK_OSI_Read(h, &(c = 0), 1, &(n = 9)), m.read) << m.mode;
-        EXPECT_EQ(std::string(1, c) + std::to_string(n), std::string(1, m.byte) + (m.read ? "0" : "1"));
-        EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
-        EXPECT_EQ(slurp(f), m.after);
+    // Per mode: the status of writing '0' + mode at the start, the status,
+    // byte and count of one read, then the file.
+    const unsigned modes[][5] = {{VELK_OSI_MODE_READ, 194, 0, 'x', 1},
+                                 {0, 194, 0, 'x', 1},
+                                 {VELK_OSI_MODE_WRITE, 0, 22, 0, 0},
+                                 {VELK_OSI_MODE_READ | VELK_OSI_MODE_WRITE, 0, 0, 'y', 1}};
+    const char* const after[] = {"xyz", "xyz", "2yz", "3yz"};
+    for (int i = 0; i < 4; ++i) {
+        h = VELK_OSI_Open_File(f.c_str(), modes[i][0]);
+        char c = static_cast<char>('0' + modes[i][0]), r = 0;
+        EXPECT_EQ((U{modes[i][1], modes[i][2], modes[i][3], modes[i][4], 0}),
+                  (U{VELK_OSI_Write(h, &c, 1, &n), VELK_OSI_Read(h, &r, 1, &(n = 9)),
+                     (unsigned char)r, n, VELK_OSI_Close_Handle(h, 0)}))
+            << i;
+        EXPECT_EQ(slurp(f), after[i]);
     }
     h = VELK_OSI_Open_File("/dev/full", VELK_OSI_MODE_WRITE);
-    EXPECT_EQ(VELK_OSI_Write(h, got, 4, &(n = 9)), VELK_E_DISK_FULL);
-    EXPECT_EQ(n, 0u);
-    EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
+    EXPECT_EQ((U{VELK_E_DISK_FULL, 0, 0}),
+              (U{VELK_OSI_Write(h, got, 4, &(n = 9)), n, VELK_OSI_Close_Handle(h, 0)}));
 }
 
-TEST_F(VelkOsi, MapViewsAndMapHandles) {
+TEST_F(VelkOsi, MapViewsAndMapHandles)
+{
     const long long page = VELK_OSI_Get_Allocation_Granualarity();
     ASSERT_EQ(page, sysconf(_SC_PAGESIZE));
     std::string bytes = std::string(page, 'A') + std::string(page, 'B');
@@ -63,28 +71,27 @@ TEST_F(VelkOsi, MapViewsAndMapHandles) {
     char* second = static_cast<char*>(VELK_OSI_Map_File_View(map, 1, page, page, 2, nullptr));
     ASSERT_TRUE(all != nullptr && second != nullptr);
     EXPECT_EQ(std::string(all, 2 * page) + std::string(second, page), bytes + bytes.substr(page));
-    EXPECT_EQ(VELK_OSI_Unmap_File_View(second, page), 0u);
-    EXPECT_EQ(VELK_OSI_Unmap_File_View(all + 1, page), VELK_E_NULL_POINTER);
-    EXPECT_EQ(VELK_OSI_Unmap_File_View(all, 2 * page), 0u);
     EXPECT_EQ(VELK_OSI_Map_File_View(-1, 1, 0, page, 2, nullptr), nullptr);
-    EXPECT_EQ(VELK_OSI_Close_Handle(map, 1), 0u);
-    EXPECT_EQ(VELK_OSI_Get_File_Size(h), 2u * page);
-    EXPECT_EQ(VELK_OSI_Close_Handle(h, 0), 0u);
+    EXPECT_EQ((U{0, VELK_E_NULL_POINTER, 0, 0, 2ULL * page, 0}),
+              (U{VELK_OSI_Unmap_File_View(second, page), VELK_OSI_Unmap_File_View(all + 1, page),
+                 VELK_OSI_Unmap_File_View(all, 2 * page), VELK_OSI_Close_Handle(map, 1),
+                 VELK_OSI_Get_File_Size(h), VELK_OSI_Close_Handle(h, 0)}));
 }
 
-TEST_F(VelkOsi, TextEnvironmentAndDelete) {
+TEST_F(VelkOsi, TextEnvironmentAndDelete)
+{
     char text[32] = "#";
-    for (auto call : {+[](char* d, unsigned s, unsigned* n) { return VELK_OSI_i64toa(d, s, 5, n); },
-                      +[](char* d, unsigned s, unsigned* n) { return VELK_OSI_ui64tow(d, s, 5, n); }}) {
+    for (auto call :
+         {+[](char*d, unsigned s, unsigned*n) { return VELK_OSI_i64toa(d, s, 5, n); },
+          +[](char*d, unsigned s, unsigned*n) { return VELK_OSI_ui64tow(d, s, 5, n); }}) {
         unsigned needed = 0;
-        EXPECT_EQ(call(nullptr, 0, &needed), 0u);
-        EXPECT_EQ(needed, 21u);
-        EXPECT_EQ(call(nullptr, 21, &needed), VELK_E_BUFFER_TOO_SMALL);
-        EXPECT_EQ(call(text, 20, &needed), VELK_E_BUFFER_TOO_SMALL);
+        EXPECT_EQ((U{0, 21, VELK_E_BUFFER_TOO_SMALL, VELK_E_BUFFER_TOO_SMALL}),
+                  (U{call(nullptr, 0, &needed), needed, call(nullptr, 21, &needed),
+                     call(text, 20, &needed)}));
         EXPECT_STREQ(text, "#");
         EXPECT_EQ(call(text, 21, nullptr), 0u);
         EXPECT_STREQ(text, "5");
-        text[0] = '#', text[1] = '\0';
+        strcpy(text, "#");
     }
     EXPECT_EQ(VELK_OSI_i64toa(text, 21, LLONG_MIN, nullptr), 0u);
     EXPECT_STREQ(text, "-9223372036854775808");
@@ -93,8 +100,9 @@ TEST_F(VelkOsi, TextEnvironmentAndDelete) {
     EXPECT_EQ(VELK_OSI_Sprintf(text, "%s-%d-%llu", "pid", -3, 42ULL), 9);
     EXPECT_STREQ(text, "pid--3-42");
 
-    EXPECT_EQ(VELK_OSI_Getenv("VELK_OSI_TEST", 16, nullptr), VELK_E_NULL_POINTER);
-    EXPECT_EQ(VELK_OSI_Getenv("VELK_OSI_TEST", 16, text), VELK_E_ENV_NOT_SET);
+    EXPECT_EQ((U{VELK_E_NULL_POINTER, VELK_E_ENV_NOT_SET}),
+              (U{VELK_OSI_Getenv("VELK_OSI_TEST", 16, nullptr),
+                 VELK_OSI_Getenv("VELK_OSI_TEST", 16, text)}));
     setenv("VELK_OSI_TEST", "abcdefgh", 1);
     memset(text, '#', sizeof text);
     EXPECT_EQ(VELK_OSI_Getenv("VELK_OSI_TEST", 4, text), 0u);
