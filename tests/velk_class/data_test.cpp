@@ -25,7 +25,6 @@ __velk_samprec_desc_entry entry_of(const Desc& d, uint32_t entry_size = 72)
 // What the data call-back saw, window by window. It answers `answer` and leaves `hand_back`
 // unconsumed: 0 nothing, 1 the head of a 48-byte record cut by the window's end, 2 everything.
 struct Call {
-    unsigned long long bytes;
     unsigned int entries;
     Bytes data;
 };
@@ -39,7 +38,7 @@ unsigned walk_callback(void* data, unsigned long long bytes, unsigned entries, v
 {
     Walk* w = static_cast<Walk*>(user);
     const unsigned char* p = static_cast<const unsigned char*>(data);
-    w->calls.push_back({bytes, entries, Bytes(p, p + bytes)});
+    w->calls.push_back({entries, Bytes(p, p + bytes)});
     if (w->hand_back != 0)
         *unconsumed = w->hand_back == 1 ? bytes % 48 : entries != 0 ? entries : bytes;
     return w->answer;
@@ -65,12 +64,9 @@ protected:
     unsigned int close()
     {
         const unsigned int status = s_->VELK_closedown();
-        if (status != 0)
-            s_->VELK_abort_cleanup_and_close();
         s_.reset();
         return status;
     }
-    // Writes a stream: its descriptors, its data and its stream information.
     void write_stream(unsigned int stream, const std::vector<Desc>& descs, const Bytes& data)
     {
         const unsigned int info_id = VELK_STREAM_SECTION_STREAM_INFO;
@@ -90,7 +86,6 @@ protected:
                      s_->VELK_set_stream_info(stream, &info) ||
                      s_->VELK_done_stream_section(stream, info_id) || s_->VELK_done_stream(stream));
     }
-    // Opens the file for reading stream 0's data.
     void start_reading()
     {
         open(VELK_OPEN_READ);
@@ -108,12 +103,10 @@ TEST_F(DataTest, EntrySizeAndAddsKeepTheProtocolAndCopyFilesLaxly)
     open(kRW);
     ASSERT_EQ(0u, s_->VELK_writing_stream(0));
     velk_list_head* list = s_->stream_list->desc_list;
-    // Entry size, number of fields, their offsets and lengths: the end of the last field, the
-    // first.
-    const Words sizes[] = {
-        {12, 3, 0, 8, 8, 4, 4, 4},  {20, 1, 16, 4, 0, 0, 0, 0}, {8, 2, 0, 8, 0, 16, 0, 0},
-        {16, 2, 0, 16, 0, 8, 0, 0}, {4, 1, 4, 0, 0, 0, 0, 0},   {0, 0, 0, 0, 0, 0, 0, 0},
-    };
+    // Entry size, number of fields, offsets and lengths: the end of the last field, the first.
+    const Words sizes[] = {{12, 3, 0, 8, 8, 4, 4, 4}, {20, 1, 16, 4, 0, 0, 0, 0},
+                           {8, 2, 0, 8, 0, 16, 0, 0}, {16, 2, 0, 16, 0, 8, 0, 0},
+                           {4, 1, 4, 0, 0, 0, 0, 0},  {0, 0, 0, 0, 0, 0, 0, 0}};
     for (const Words& c : sizes) {
         velk_desc_list_clear(list);
         for (size_t i = 2; i < 2 + 2 * c[1]; i += 2) {
@@ -124,40 +117,35 @@ TEST_F(DataTest, EntrySizeAndAddsKeepTheProtocolAndCopyFilesLaxly)
         EXPECT_EQ((Words{0, c[0]}), (Words{s_->VELK_get_size_of_each_data_entry(0, &size), size}))
             << c[1] << " fields";
     }
-    // A size word other than 72 anywhere in the list refuses it.
-    const __velk_samprec_desc_entry bad = entry_of({0, 0}, 40);
+    const __velk_samprec_desc_entry bad = entry_of({0, 0}, 40);  // a size word other than 72
     ASSERT_TRUE(velk_desc_list_append(list, &bad));
     EXPECT_EQ(VELK_E_DESC_SIZE_MISMATCH, s_->VELK_get_size_of_each_data_entry(0, nullptr));
     velk_desc_list_clear(list);
 
     // Any size goes, descriptors or not; a missing input file answers with the close's failure.
     unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    wchar_t missing[] = L"/nonexistent/dir/x";
     LogCapture log(0x80000000u);
     ASSERT_EQ(0u, s_->VELK_writing_stream_section(0, kData));
     EXPECT_EQ((Words{145, 0, VELK_E_NULL_POINTER}),
               (Words{s_->VELK_add_data(0, 8, nullptr), s_->VELK_add_data(0, 3, bytes),
-                     s_->VELK_add_data_from_file(0, missing)}));
+                     s_->VELK_add_data_from_file(0, &std::wstring(L"/nonexistent/x")[0])}));
     EXPECT_TRUE(
         log.contains_format("<velk %u::VELK_add_data_from_file>VELK_OSI_Open_File failed\n"));
     Bytes input = entries(1000, 7);
     write_file(path("in.bin"), input);
     ASSERT_EQ(0u, s_->VELK_add_data_from_file(0, &widen(path("in.bin"))[0]));
-    ASSERT_EQ(0u, s_->VELK_add_data(0, 5, bytes + 3));
     input.insert(input.begin(), bytes, bytes + 3);
-    input.insert(input.end(), bytes + 3, bytes + 8);
     EXPECT_EQ(input, read_file(s_->stream_list->data_store->path));
-    // Data without descriptors fails the close.
     ASSERT_FALSE(s_->VELK_done_stream_section(0, kData));
     s_->VELK_done_stream(0);
-    EXPECT_EQ(VELK_E_NO_DESCRIPTORS, close());
+    EXPECT_EQ(VELK_E_NO_DESCRIPTORS, s_->VELK_closedown());  // data without descriptors
+    s_->VELK_abort_cleanup_and_close();
 }
 
 TEST_F(DataTest, SectionIsEnumeratedByEntriesAndRefusedWhenDamaged)
 {
-    // A tail of 3 bytes behind 100 entries of 8.
     open(kRW);
-    const Bytes data = entries(100, 8, 3);
+    const Bytes data = entries(100, 8, 3);  // a tail of 3 bytes behind 100 entries of 8
     write_stream(0, {{0, 4, 2}, {4, 4, 3}}, data);
     ASSERT_EQ(0u, close());
     const Bytes f = read_file(path("d.vk7"));
@@ -167,9 +155,9 @@ TEST_F(DataTest, SectionIsEnumeratedByEntriesAndRefusedWhenDamaged)
     LogCapture log(0x80000000u);
     Walk w;
     ASSERT_EQ(0u, enumerate(&w, 0));
-    EXPECT_EQ((Words{1, 800, 100, 0}), (Words{w.calls.size(), w.calls[0].bytes, w.calls[0].entries,
-                                              __VELK_mmap_tracker::m_num_mmaps}));
-    EXPECT_EQ(slice(data, 0, 800), w.calls[0].data);
+    EXPECT_EQ((Words{1, 800, 100, 0}),
+              (Words{w.calls.size(), w.calls[0].data.size(), w.calls[0].entries,
+                     __VELK_mmap_tracker::m_num_mmaps}));
     EXPECT_EQ(39u, enumerate(&w, 100));
     EXPECT_TRUE(log.contains_format("<velk %u::helper_map_data>invalid read start!\n"));
     w.answer = 7;
@@ -178,12 +166,10 @@ TEST_F(DataTest, SectionIsEnumeratedByEntriesAndRefusedWhenDamaged)
 
     // Damaged: length, entries, type, status. Too many entries or bytes are a bad file (24), bytes
     // past the file's end a failed map (34).
-    const Words damaged[] = {
-        {803, 101, 0, 24},
-        {803, 0x2000000000000000, 0, 24},
-        {799, 100, 0, 24},
-        {0x10000000000, 100, 1, 34},
-    };
+    const Words damaged[] = {{803, 101, 0, 24},
+                             {803, 0x2000000000000000, 0, 24},
+                             {799, 100, 0, 24},
+                             {0x10000000000, 100, 1, 34}};
     for (const Words& c : damaged) {
         Bytes bad = f;
         memcpy(&bad[d.at], &c[0], 8);
@@ -204,10 +190,9 @@ TEST_F(DataTest, SampleRecordStreamIsMirroredIntoTheLegacyTable)
     // data, the header ex's sample count, the flags of kind 19 (0: none), record size.
     const Desc sample = {0, 40, ST_LEGACY_SAMPLE_RECORD}, stamp = {40, 8, ST_TIMESTAMP};
     const std::vector<Desc> fields[4] = {{sample, stamp}, {stamp, sample}, {sample}, {stamp}};
-    const Words records[] = {
-        {0, 4800, 100, 0x77, 48}, {0, 4801, 100, 0x77, 48}, {1, 480, 10, 0x77, 48},
-        {2, 480, 12, 0x73, 40},   {0, 0, 0, 0x77, 48},      {3, 4800, 0, 0, 48},
-    };
+    const Words records[] = {{0, 4800, 100, 0x77, 48}, {0, 4801, 100, 0x77, 48},
+                             {1, 480, 10, 0x77, 48},   {2, 480, 12, 0x73, 40},
+                             {0, 0, 0, 0x77, 48},      {3, 4800, 0, 0, 48}};
     for (const Words& c : records) {
         open(kRW);
         const Bytes data = entries(c[1] / 48, 48, c[1] % 48);
@@ -220,8 +205,7 @@ TEST_F(DataTest, SampleRecordStreamIsMirroredIntoTheLegacyTable)
         EXPECT_EQ(c[2], u32_at(f, legacy_slot(f, KIND_LEGACY_HEADER_EX).file_offset + 356));
         EXPECT_EQ((Words{c[3] != 0, c[3] != 0 && c[1] != 0, c[1] != 0}),
                   (Words{h.at != 0, l.at != 0, d.at != 0}));
-        // Kind 38: length, entries, the length again in the entry size's place, stream number. Kind
-        // 1 lies over the very bytes of the data section.
+        // Kind 38 has the length in the entry size's place; kind 1 lies over its very bytes.
         EXPECT_EQ((Words{c[1], c[1] / c[4], c[1]}),
                   (Words{d.length, d.number_entries, d.entry_length}));
         if (l.at != 0) {
@@ -265,12 +249,12 @@ TEST_F(DataTest, LargeSectionsAreWalkedWindowByWindow)
     write_stream(0, {{0, 4, 2}, {40, 8, 7}}, data);
     ASSERT_EQ(0u, close());
     start_reading();
-    // By entries: the first window holds 699,050 whole entries.
-    Walk w;
+    Walk w;  // by entries: the first window holds 699,050 whole entries
     ASSERT_EQ(0u, enumerate(&w, 0));
     ASSERT_EQ(2u, w.calls.size());
     EXPECT_EQ((Words{699050, 33554400, 950, 45600}),
-              (Words{w.calls[0].entries, w.calls[0].bytes, w.calls[1].entries, w.calls[1].bytes}));
+              (Words{w.calls[0].entries, w.calls[0].data.size(), w.calls[1].entries,
+                     w.calls[1].data.size()}));
     EXPECT_TRUE(w.calls[0].data == slice(data, 0, 33554400) &&
                 w.calls[1].data == slice(data, 33554400, 45600));
     // Handing back a whole window would never advance: the walk stops.
@@ -282,8 +266,7 @@ TEST_F(DataTest, LargeSectionsAreWalkedWindowByWindow)
         log.contains_format("<velk %u::VELK_enumerate_data>callback left 699050 of the "
                             "window's 699050 units unconsumed, the enumeration would not "
                             "advance!\n"));
-    // By bytes, once the stream information gives the stream its type: a window cuts a record,
-    // the call-back hands its head back, and the next window starts on it, at 33,554,400.
+    // By bytes, once the stream has its type: the call-back hands back a cut record's head.
     __VELK_stream_info info = {};
     ASSERT_FALSE(s_->VELK_reading_stream_section(0, VELK_STREAM_SECTION_STREAM_INFO) ||
                  s_->VELK_get_stream_info(0, 64, &info, nullptr));
@@ -292,7 +275,7 @@ TEST_F(DataTest, LargeSectionsAreWalkedWindowByWindow)
     ASSERT_EQ(0u, enumerate(&w, 0));
     ASSERT_EQ(2u, w.calls.size());
     EXPECT_EQ((Words{0x2000000, 0, 45600}),
-              (Words{w.calls[0].bytes, w.calls[0].entries, w.calls[1].bytes}));
+              (Words{w.calls[0].data.size(), w.calls[0].entries, w.calls[1].data.size()}));
     EXPECT_TRUE(w.calls[0].data == slice(data, 0, 0x2000000) &&
                 w.calls[1].data == slice(data, 33554400, 45600));
     ASSERT_FALSE(s_->VELK_done_stream_section(0, kData) || close());
