@@ -100,6 +100,8 @@ TEST_F(ConfigurationTest, WritingSessionKeepsTheProtocolAndLaysOutTheSections)
     EXPECT_EQ((Words{145, 125, 124}),  // null records first, then the state
               (Words{s_->VELK_set_host(nullptr), s_->VELK_set_version_info(&version),
                      s_->VELK_get_version_info(0, nullptr, nullptr)}));
+    // The host setter's refusal names the getter.
+    EXPECT_TRUE(log_.contains_format("<velk %u::VELK_get_host>nothing to write!\n"));
     ASSERT_FALSE(s_->VELK_writing_section(VELK_SECTION_CONFIGURATION) ||
                  s_->VELK_writing_section(VELK_SECTION_VERSION_INFO));
     EXPECT_EQ(125u, s_->VELK_set_os(7, os));
@@ -229,6 +231,10 @@ TEST_F(ConfigurationTest, StreamInfoKeepsTheProtocolAndIsReadFromItsSectionOrThe
     EXPECT_EQ((std::vector<uint32_t>{11, 13, 14, 15, 16, 17}),
               std::vector<uint32_t>(mirror, mirror + 6));
     EXPECT_EQ(VELK_E_ALREADY_IN_USE, s_->VELK_get_lbr_info(0, &lbr));
+    // The getters' refusal names the setter.
+    EXPECT_TRUE(
+        log_.contains_format("<velk %u::VELK_set_stream_info>this stream section does not "
+                             "exist or read was not first called!\n"));
     const velk_stream_info_record memory = node_->stream_info;
     const size_t at = VELK_OSI_Get_File_Size(s_->file_handle);
     const size_t slot = node_->stream_table_offset;

@@ -158,8 +158,20 @@ TEST_F(RecordsTest, AddedRecordsEnumerateAlikeFromStoreAndFile)
 {
     const std::string name = path("r.vk7");
     ASSERT_EQ(0u, open(name, kRwc));
+    // The section protocol's refusals, shown on processes.
+    LogCapture log(0x80000000u);
+    __VELK_pid none = {};
+    Walk refused;
+    EXPECT_EQ((U{VELK_E_NOT_WRITING, VELK_E_NOT_READING}),
+              (U{VELK_add_process(h, &none), enumerate(h, 0, &refused, 0)}));
     for (int k = 0; k < 3; ++k)
         ASSERT_EQ(0u, VELK_writing_section(h, kSection[k]));
+    EXPECT_EQ(VELK_E_NOTHING_TO_WRITE, VELK_add_process(h, nullptr));
+    for (const char* line : {"VELK_add_process>this section already exists or write_section was "
+                             "not first called!\n",
+                             "VELK_enumerate_processes>read_section was not first called!\n",
+                             "VELK_add_process>nothing to write!\n"})
+        EXPECT_TRUE(log.contains_format(std::string("<velk %u::") + line)) << line;
     // Processes: both texts, a name without a path (kept as given), neither. Path and name of each.
     Rows want[3];
     const wchar_t* const ptexts[6] = {L"/bin/a", L"a", nullptr, L"orphan", nullptr, nullptr};
