@@ -188,8 +188,8 @@ TEST_F(DamagedFilesTest, EveryShorterLengthAndEveryChangedByteIsAnsweredWithASta
     const std::vector<unsigned char> v7 = complete_file(path("whole.vk7"));
     const std::string file = path("damaged.vk7");
     for (const std::vector<unsigned char>& whole : {v7, as_version_5(v7)}) {
-        // Whole, each session: 2 processes, 2 threads, 3 modules, samples (stream 1's if version
-        // 7).
+        // Whole, in each of two sessions: 2 processes, 2 threads, 3 modules and the samples
+        // (with stream 1's in version 7).
         write_file(file, whole);
         const DamageChecker k = read_everything(file);
         EXPECT_EQ((U{0, 2 * 7, 2 * (whole == v7 ? 384 + 48 : 384u)}),
